@@ -1,0 +1,3 @@
+#pragma once
+
+// Channels of the library; each class has a header of its own.

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <chronotick/Export.h>
+#include <chronotick/OrderedBarrier.h>
+#include <chronotick/Tag.h>
+
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <vector>
+
+namespace chronotick {
+
+class ChronotickBase;
+class ChronotickRunner;
+class ChronotickProxy;
+class SynchronizedMeasurements;
+struct IteratorSlot;
+
+// Base of every measurement and virtual channel. A subclass implements
+// next_impl, which receives every block of tags while the measurement runs,
+// on a worker thread and under the iterator's mutex.
+class CHRONOTICK_API IteratorBase {
+public:
+  virtual ~IteratorBase();
+
+  IteratorBase(const IteratorBase &) = delete;
+  IteratorBase &operator=(const IteratorBase &) = delete;
+
+  // Starts (or keeps running) without a capture limit.
+  void start();
+  // Runs for `capture_duration` picoseconds of stream time, then stops.
+  void startFor(std::int64_t capture_duration, bool clear = true);
+  // When this returns, no worker is inside this iterator's next_impl.
+  void stop();
+  // Drops the results; no tag of a block read before this call is seen.
+  void clear();
+  bool isRunning();
+  std::int64_t getCaptureDuration();
+
+protected:
+  explicit IteratorBase(ChronotickBase *tagger);
+
+  virtual void clear_impl() {}
+  virtual void on_start() {}
+  virtual void on_stop() {}
+  // `tags` is the block in time order; what this call leaves in it is what
+  // later iterators see. Returns true only if it changed or replaced `tags`.
+  virtual bool next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) = 0;
+
+  // Last line of every subclass constructor.
+  void finishInitialization();
+  void registerChannel(std::int32_t channel);
+  void unregisterChannel(std::int32_t channel);
+  std::int32_t getNewVirtualChannel();
+
+  void lock();
+  void unlock();
+  // The iterator's mutex, already locked. Accessors of results use it.
+  std::unique_lock<std::mutex> getLock();
+
+  // Opens the next ordered stage of this next_impl call (see OrderedBarrier).
+  OrderedBarrier::OrderInstance parallelize(OrderedPipeline &pipeline);
+
+  // The tagger; null once the engine has detached this iterator.
+  ChronotickBase *tagger;
+
+private:
+  friend class ChronotickRunner;
+  friend class ChronotickProxy;
+  friend class SynchronizedMeasurements;
+
+  void next(std::unique_lock<std::mutex> &lock, std::vector<Tag> &tags, std::int64_t begin_time,
+            std::int64_t end_time, std::uint32_t fence);
+  void pre_stop();
+  void clearWithoutLock();
+  void stopAfterException();
+
+  std::set<std::int32_t> channels;
+  bool running;
+  bool needs_start;
+  std::int64_t capture_duration;
+  IteratorSlot *slot;
+  std::int64_t capture_limit;
+  std::uint32_t block_fence;
+  std::vector<Tag> cut_tags; // kept across startFor cuts to avoid reallocations
+};
+
+} // namespace chronotick

@@ -1,0 +1,3 @@
+#pragma once
+
+// Measurements of the library; each class has a header of its own.

@@ -1,0 +1,3 @@
+#pragma once
+
+// Storage of the library; each class has a header of its own.

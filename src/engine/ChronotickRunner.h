@@ -1,0 +1,96 @@
+#pragma once
+
+#include <chronotick/ChronotickBase.h>
+
+#include "Worker.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+
+namespace chronotick {
+
+// The engine that every tagger inherits beside its public interface: a pool
+// of workers that carry blocks from the source along the chain of all
+// iterators, one behind the other, never overtaking.
+class ChronotickRunner : public virtual ChronotickBase {
+public:
+  ChronotickRunner();
+  ~ChronotickRunner() override;
+
+  std::uint32_t getFence(bool alloc = true) override;
+  bool waitForFence(std::uint32_t fence, std::int32_t timeout = -1) override;
+  void sync() override;
+  void runSynchronized(const std::map<IteratorBase *, std::function<void(IteratorBase *)>> &callbacks,
+                       bool block = true) override;
+  IteratorSlot *addIterator(IteratorBase *iterator) override;
+
+protected:
+  // The one source-specific operation, called on a worker with the read
+  // mutex held in `lock`. To deliver a block: fill worker.tags, begin_time
+  // and end_time, set worker.fence = fence, and return with the lock held.
+  // `done` may be called once, when another worker may start reading.
+  // Otherwise release the lock and return true ("try again soon") or false
+  // ("nothing to do": the worker sleeps until woken by wakeWorker).
+  virtual bool readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
+                         const std::function<void()> &done) = 0;
+
+  // Called after a block has left the chain and its fence was published.
+  virtual void blockDone(const Worker &worker);
+
+  void startWorkers();
+  void stopWorkers();
+  void runAllIterators(Worker &worker);
+
+  // Wakes one worker sleeping because the source had nothing to do.
+  void wakeWorker();
+
+  // Test hook: lets tests start the fence counters anywhere (e.g. near 2^32).
+  void setFenceCountersForTesting(std::uint32_t value);
+
+private:
+  struct SyncJobState {
+    std::ostringstream failures;
+    bool failed = false;
+    bool done = false;
+  };
+  struct SyncJob {
+    std::map<IteratorBase *, std::function<void(IteratorBase *)>> callbacks;
+    SyncJobState *state = nullptr;
+  };
+
+  static void threadBody(Worker *worker);
+  void waitIdle(std::uint64_t seen_epoch);
+
+  std::mutex worker_mutex;
+  std::condition_variable idle_condition;
+  std::list<std::unique_ptr<Worker>> workers;
+  bool stopping;
+  std::atomic<std::uint64_t> idle_epoch;
+  std::atomic<int> idle_waiters;
+
+  std::mutex fence_mutex;
+  std::condition_variable fence_condition;
+  std::uint32_t fence_counter;
+  bool fence_pending;
+  std::uint32_t fence_completed;
+
+  std::mutex job_mutex;
+  std::condition_variable job_condition;
+  std::deque<std::shared_ptr<SyncJob>> job_queue;
+
+  std::mutex new_iterator_mutex;
+  std::deque<IteratorSlot *> new_iterator_queue;
+  IteratorSlot *chain_head;
+
+  std::mutex read_mutex;
+};
+
+} // namespace chronotick

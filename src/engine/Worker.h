@@ -1,0 +1,28 @@
+#pragma once
+
+#include <chronotick/Tag.h>
+
+#include <cstdint>
+#include <thread>
+#include <vector>
+
+namespace chronotick {
+
+class ChronotickRunner;
+
+// One worker thread's block and state. The vectors are kept across blocks so
+// that the normal path allocates nothing.
+struct Worker {
+  std::vector<std::uint32_t> raw_words; // source's raw data for this block
+  std::vector<Tag> tags;
+  std::int64_t begin_time = 0;
+  std::int64_t end_time = 0;
+  std::uint32_t fence = 0;
+  bool stop = false;
+  ChronotickRunner *runner = nullptr;
+  std::thread thread;
+  bool incomplete = false;    // hardware source only
+  std::uint64_t sequence = 0; // free for the source to number its blocks
+};
+
+} // namespace chronotick
