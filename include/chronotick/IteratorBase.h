@@ -70,8 +70,8 @@ private:
   friend class ChronotickProxy;
   friend class SynchronizedMeasurements;
 
-  void next(std::unique_lock<std::mutex> &lock, std::vector<Tag> &tags, std::int64_t begin_time,
-            std::int64_t end_time, std::uint32_t fence);
+  void next(std::unique_lock<std::mutex> &lock, std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time,
+            std::uint32_t fence);
   void pre_stop();
   void clearWithoutLock();
   void stopAfterException();

@@ -2,6 +2,7 @@
 
 #include <chronotick/Export.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <list>
@@ -48,7 +49,7 @@ private:
   void obtain(std::uint64_t ticket);
   void release(std::uint64_t ticket);
 
-  std::uint64_t next_ticket;
+  std::atomic<std::uint64_t> next_ticket;
   std::uint64_t released;
   std::mutex mutex;
   std::condition_variable condition;

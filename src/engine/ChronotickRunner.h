@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <vector>
 
 namespace chronotick {
 
@@ -45,7 +46,8 @@ protected:
   // Called after a block has left the chain and its fence was published.
   virtual void blockDone(const Worker &worker);
 
-  void startWorkers();
+  // One worker per hardware thread unless `count` says otherwise.
+  void startWorkers(unsigned count = 0);
   void stopWorkers();
   void runAllIterators(Worker &worker);
 
@@ -66,8 +68,12 @@ private:
     SyncJobState *state = nullptr;
   };
 
+  using JobList = std::vector<std::shared_ptr<SyncJob>>;
+
   static void threadBody(Worker *worker);
   void waitIdle(std::uint64_t seen_epoch);
+  void runCallbacks(const JobList &jobs, IteratorBase *iterator);
+  static void detach(IteratorSlot *slot);
 
   std::mutex worker_mutex;
   std::condition_variable idle_condition;

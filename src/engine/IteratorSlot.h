@@ -3,6 +3,7 @@
 #include <chronotick/IteratorBase.h>
 #include <chronotick/OrderedBarrier.h>
 
+#include <atomic>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -16,7 +17,7 @@ struct IteratorSlot {
   explicit IteratorSlot(IteratorBase *it) : next(nullptr), iterator(it) {}
 
   IteratorSlot *next;
-  IteratorBase *iterator; // null once the iterator's destructor ran
+  std::atomic<IteratorBase *> iterator; // null once the iterator's destructor ran
   std::mutex iterator_mutex;
   std::mutex chain_mutex;
   std::list<std::unique_ptr<OrderedBarrier>> barriers;

@@ -2,6 +2,7 @@
 
 #include <chronotick/Tag.h>
 
+#include <atomic>
 #include <cstdint>
 #include <thread>
 #include <vector>
@@ -18,7 +19,7 @@ struct Worker {
   std::int64_t begin_time = 0;
   std::int64_t end_time = 0;
   std::uint32_t fence = 0;
-  bool stop = false;
+  std::atomic<bool> stop{false};
   ChronotickRunner *runner = nullptr;
   std::thread thread;
   bool incomplete = false;    // hardware source only

@@ -1,0 +1,7 @@
+#include <chronotick/ChronotickBase.h>
+
+namespace chronotick {
+
+ChronotickBase::~ChronotickBase() = default;
+
+} // namespace chronotick
