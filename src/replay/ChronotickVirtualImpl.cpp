@@ -1,0 +1,387 @@
+#include "replay/ChronotickVirtualImpl.h"
+
+#include "engine/Log.h"
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <stdexcept>
+
+namespace chronotick {
+
+ChronotickVirtual::~ChronotickVirtual() = default;
+
+namespace {
+bool tagBefore(const Tag &tag, std::int64_t time) {
+  return tag.time < time;
+}
+} // namespace
+
+ChronotickVirtualImpl::ChronotickVirtualImpl() : scheme(getChronotickChannelNumberScheme()) {
+  pacer.anchor(nowNs(), 0);
+  startWorkers();
+}
+
+ChronotickVirtualImpl::~ChronotickVirtualImpl() {
+  {
+    // Cuts short any sleep of a worker, so that the workers end promptly.
+    std::lock_guard<std::mutex> guard(queue_mutex);
+    closing = true;
+    work_condition.notify_all();
+  }
+  stopWorkers();
+}
+
+std::int64_t ChronotickVirtualImpl::nowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+void ChronotickVirtualImpl::signalWork() {
+  ++work_generation;
+  work_condition.notify_all();
+}
+
+void ChronotickVirtualImpl::drainQueue() {
+  while (!tasks.empty()) {
+    completed_id = tasks.front().id;
+    tasks.pop_front();
+  }
+  completion_condition.notify_all();
+}
+
+std::uint64_t ChronotickVirtualImpl::replay(const std::string &file, std::int64_t begin, std::int64_t duration,
+                                            bool queue) {
+  const std::string name = ctbin::partName(file, 0);
+  std::ifstream in(name, std::ios::binary);
+  if (!in)
+    throw std::runtime_error("File '" + name + "' could not be opened.");
+  std::uint32_t magic = 0;
+  if (!in.read(reinterpret_cast<char *>(&magic), sizeof(magic)) || magic != ctbin::MAGIC)
+    throw std::runtime_error("File format error. Files must be written via the FileWriter class.");
+  in.close();
+
+  std::uint64_t id;
+  {
+    std::lock_guard<std::mutex> guard(queue_mutex);
+    if (!queue)
+      drainQueue();
+    ReplayTask task;
+    task.base_name = file;
+    task.begin = begin;
+    task.duration = duration;
+    task.id = id = ++last_id;
+    task.fence = getFence(false);
+    tasks.push_back(std::move(task));
+    signalWork();
+  }
+  wakeWorker();
+  return id;
+}
+
+void ChronotickVirtualImpl::stop() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  current_file.reset();
+  drainQueue();
+}
+
+bool ChronotickVirtualImpl::waitForCompletion(std::uint64_t id, std::int32_t timeout) {
+  bool finished;
+  {
+    std::unique_lock<std::mutex> lock(queue_mutex);
+    if (id == 0)
+      id = last_id;
+    auto done = [&] { return id <= completed_id; };
+    if (timeout == 0) {
+      finished = done();
+    } else if (timeout < 0) {
+      completion_condition.wait(lock, done);
+      finished = true;
+    } else {
+      finished = completion_condition.wait_for(lock, std::chrono::milliseconds(timeout), done);
+    }
+  }
+  sync();
+  return finished;
+}
+
+void ChronotickVirtualImpl::setReplaySpeed(double new_speed) {
+  if (new_speed > 0.0 && new_speed < 0.1)
+    throw std::runtime_error("Slow replay speed between 0.0 and 0.1 is not supported.");
+  {
+    std::lock_guard<std::mutex> guard(speed_mutex);
+    speed = new_speed;
+    pacer.anchor(nowNs(), stream_time.load());
+  }
+  {
+    std::lock_guard<std::mutex> guard(queue_mutex);
+    signalWork();
+  }
+  wakeWorker();
+}
+
+double ChronotickVirtualImpl::getReplaySpeed() {
+  std::lock_guard<std::mutex> guard(speed_mutex);
+  return speed;
+}
+
+bool ChronotickVirtualImpl::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
+                                      const std::function<void()> &done) {
+  worker.fence = fence;
+  if (!fill(worker)) {
+    lock.unlock();
+    return true;
+  }
+  // Hand the read mutex over to the emulation stage: the next worker may read
+  // while this one emulates, and blocks keep their order.
+  std::unique_lock<std::mutex> post(post_mutex);
+  lock.swap(post);
+  post.unlock();
+  done();
+  emulator.applySettings();
+  emulator.process(worker.tags, worker.begin_time, worker.end_time);
+  return false;
+}
+
+void ChronotickVirtualImpl::deliverSilence(Worker &worker, std::int64_t length) {
+  const std::int64_t begin = stream_time.load(std::memory_order_relaxed);
+  worker.begin_time = begin;
+  worker.end_time = begin + length;
+  stream_time.store(begin + length, std::memory_order_relaxed);
+}
+
+bool ChronotickVirtualImpl::fill(Worker &worker) {
+  worker.tags.clear();
+  std::unique_lock<std::mutex> queue_lock(queue_mutex);
+  std::unique_lock<std::mutex> speed_lock(speed_mutex);
+
+  if (speed == 0.0 || (speed < 0.0 && tasks.empty())) {
+    // Paused: empty blocks of no span, so that fences and synchronized calls
+    // still pass. New work cuts the sleep short.
+    speed_lock.unlock();
+    const std::uint64_t generation = work_generation;
+    work_condition.wait_for(queue_lock, std::chrono::nanoseconds(IDLE_SLEEP_NS),
+                            [&] { return closing || work_generation != generation; });
+    queue_lock.unlock();
+    deliverSilence(worker, 0);
+    return true;
+  }
+
+  std::int64_t step = ReplayPacer::BLOCK_LENGTH;
+  if (speed > 0.0) {
+    step = ReplayPacer::step(speed);
+    const std::int64_t wait = pacer.delay(nowNs(), stream_time.load(std::memory_order_relaxed), speed);
+    speed_lock.unlock();
+    if (wait > 0)
+      work_condition.wait_for(queue_lock, std::chrono::nanoseconds(wait), [&] { return closing; });
+  } else {
+    speed_lock.unlock();
+  }
+
+  if (tasks.empty()) {
+    // Only at a positive speed: time goes on without tags.
+    queue_lock.unlock();
+    deliverSilence(worker, step);
+    return true;
+  }
+
+  // The queue lock stays held while the task and the current file are used:
+  // stop() and replay(queue = false) can't pull them away meanwhile.
+  ReplayTask &task = tasks.front();
+  if (static_cast<std::int32_t>(task.fence - worker.fence) > 0)
+    return false; // this block was read before the replay was asked for
+
+  if (task.duration == 0) {
+    task.reading = false;
+  } else if (task.reading && task.begin < 0) {
+    std::int64_t length = std::min(step, -task.begin);
+    if (task.duration >= 0) {
+      length = std::min(length, task.duration);
+      task.duration -= length;
+    }
+    task.begin += length;
+    deliverSilence(worker, length);
+    return true;
+  }
+
+  if (!task.opened) {
+    task.opened = true;
+    current_file = std::make_unique<TagFileReader>(ctbin::partName(task.base_name, task.part_index++), true);
+    current_file_id = current_file->getFileId();
+  }
+
+  if (task.reading) {
+    std::int64_t block_begin = 0;
+    std::int64_t block_end = 0;
+    // A positive begin seeks: whole blocks are skipped undecoded.
+    while (current_file->getBlockSpan(block_begin, block_end) && task.begin >= block_end - block_begin) {
+      task.begin -= block_end - block_begin;
+      current_file->skipBlock();
+    }
+    if (current_file->getBlockSpan(block_begin, block_end)) {
+      const std::int64_t start = stream_time.load(std::memory_order_relaxed);
+      std::int64_t counted = 0;
+      const bool decoded = current_file->decodeBlock(worker.tags, start - task.begin, counted);
+      overflows += counted;
+      if (decoded) {
+        std::vector<Tag> &tags = worker.tags;
+        std::int64_t length = std::max<std::int64_t>(block_end - block_begin, 0);
+        if (task.begin != 0) {
+          length -= task.begin;
+          task.begin = 0;
+          tags.erase(tags.begin(), std::lower_bound(tags.begin(), tags.end(), start, tagBefore));
+        }
+        if (task.duration >= 0) {
+          if (task.duration < length) {
+            tags.erase(std::lower_bound(tags.begin(), tags.end(), start + task.duration, tagBefore), tags.end());
+            length = task.duration;
+          }
+          task.duration -= length;
+        }
+        if ((block_begin != previous_end_time || previous_file_id != current_file_id) && !first_block_pending) {
+          // A gap in the recording, or another recording: measurements drop what they held.
+          tags.insert(tags.begin(), Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, start});
+          ++overflows;
+        }
+        previous_end_time = block_end;
+        previous_file_id = current_file_id;
+        first_block_pending = false;
+        deliverSilence(worker, length);
+        return true;
+      }
+    }
+
+    // This part is exhausted: go on with the next one of the same recording.
+    const std::string name = ctbin::partName(task.base_name, task.part_index++);
+    if (std::ifstream(name, std::ios::binary).is_open()) {
+      auto next = std::make_unique<TagFileReader>(name, true);
+      if (next->getFileId() == current_file_id) {
+        current_file = std::move(next);
+        task.reading = true;
+        return false;
+      }
+      CT_ERROR("File '%s' matches the naming schema, but was not written in the same FileWriter. Skipped.",
+               name.c_str());
+    }
+  }
+
+  if (task.duration > 0) {
+    // The recording ended before the requested duration.
+    const std::int64_t length = std::min(step, task.duration);
+    task.duration -= length;
+    deliverSilence(worker, length);
+    return true;
+  }
+
+  completed_id = task.id;
+  tasks.pop_front();
+  completion_condition.notify_all();
+  return false;
+}
+
+// Channels
+
+bool ChronotickVirtualImpl::isKnownChannel(std::int32_t channel) const {
+  // A recording may hold any channel number; only "no channel" and, outside
+  // the ZERO scheme, 0 are never channels.
+  return channel != CHANNEL_UNUSED && (channel != 0 || scheme == CT_CHANNEL_NUMBER_SCHEME_ZERO);
+}
+
+std::int32_t ChronotickVirtualImpl::getInvertedChannel(std::int32_t channel) {
+  {
+    std::lock_guard<std::mutex> guard(queue_mutex);
+    if (current_file)
+      return current_file->getInvertedChannel(channel);
+  }
+  if (scheme == CT_CHANNEL_NUMBER_SCHEME_ZERO)
+    CT_ERROR("getInvertedChannel(%d) called prior to replaying a file with the zero channel numbering scheme. How "
+             "many inputs has your Chronotick?",
+             channel);
+  return -channel;
+}
+
+bool ChronotickVirtualImpl::isUnusedChannel(std::int32_t channel) {
+  if (channel == CHANNEL_UNUSED)
+    return true;
+  if (channel != -1)
+    return false;
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  if (current_file)
+    return current_file->getInvertedChannel(channel) == CHANNEL_UNUSED;
+  return scheme == CT_CHANNEL_NUMBER_SCHEME_ZERO;
+}
+
+std::string ChronotickVirtualImpl::getConfiguration() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  return current_file ? current_file->getConfiguration() : std::string();
+}
+
+void ChronotickVirtualImpl::setInputDelay(std::int32_t channel, std::int64_t delay) {
+  emulator.setInputDelay(channel, delay);
+}
+
+std::int64_t ChronotickVirtualImpl::getInputDelay(std::int32_t channel) {
+  return emulator.getInputDelay(channel);
+}
+
+std::int64_t ChronotickVirtualImpl::setDeadtime(std::int32_t channel, std::int64_t deadtime) {
+  return emulator.setDeadtime(channel, deadtime);
+}
+
+std::int64_t ChronotickVirtualImpl::getDeadtime(std::int32_t channel) {
+  return emulator.getDeadtime(channel);
+}
+
+void ChronotickVirtualImpl::setTestSignal(std::vector<std::int32_t> channels, bool enable) {
+  if (scheme == CT_CHANNEL_NUMBER_SCHEME_ZERO)
+    throw std::runtime_error("setTestSignal called with the zero channel numbering scheme. How many inputs has your "
+                             "virtual Chronotick?");
+  emulator.setTestSignal(channels, enable);
+}
+
+void ChronotickVirtualImpl::setTestSignal(std::int32_t channel, bool enable) {
+  setTestSignal(std::vector<std::int32_t>{channel}, enable);
+}
+
+bool ChronotickVirtualImpl::getTestSignal(std::int32_t channel) {
+  return emulator.getTestSignal(channel);
+}
+
+std::int64_t ChronotickVirtualImpl::getOverflows() {
+  return overflows.load();
+}
+
+void ChronotickVirtualImpl::clearOverflows() {
+  overflows.exchange(0);
+}
+
+std::int64_t ChronotickVirtualImpl::getOverflowsAndClear() {
+  return overflows.exchange(0);
+}
+
+std::int32_t ChronotickVirtualImpl::getNewVirtualChannel() {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  return next_virtual_channel++;
+}
+
+void ChronotickVirtualImpl::registerChannel(std::int32_t channel) {
+  if (!isKnownChannel(channel)) {
+    CT_WARNING("Tried to register an unknown channel");
+    return;
+  }
+  std::lock_guard<std::mutex> guard(config_mutex);
+  ++registrations[channel];
+}
+
+void ChronotickVirtualImpl::unregisterChannel(std::int32_t channel) {
+  if (!isKnownChannel(channel)) {
+    CT_WARNING("Tried to unregister an unknown channel");
+    return;
+  }
+  std::lock_guard<std::mutex> guard(config_mutex);
+  auto it = registrations.find(channel);
+  if (it != registrations.end() && --it->second <= 0)
+    registrations.erase(it);
+}
+
+} // namespace chronotick

@@ -1,0 +1,39 @@
+// The library's front door: version, creation and release of taggers.
+
+#include <chronotick/Library.h>
+
+#include "replay/ChronotickVirtualImpl.h"
+#include "replay/TaggerRegistry.h"
+
+#include <memory>
+#include <mutex>
+
+namespace chronotick {
+
+std::string getVersion() {
+  return "2.7.0";
+}
+
+bool hasChronotickVirtualLicense() {
+  return true;
+}
+
+ChronotickVirtual *createChronotickVirtual() {
+  TaggerRegistry &registry = TaggerRegistry::instance();
+  std::lock_guard<std::mutex> guard(registry.mutex());
+  auto tagger = std::make_unique<ChronotickVirtualImpl>();
+  ChronotickVirtual *replay = tagger.get();
+  registry.enter(static_cast<ChronotickBase *>(replay), nullptr, replay);
+  tagger.release();
+  return replay;
+}
+
+bool freeChronotick(ChronotickBase *tagger) {
+  return TaggerRegistry::instance().release(tagger);
+}
+
+void freeAllChronotick() {
+  TaggerRegistry::instance().releaseAll();
+}
+
+} // namespace chronotick

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chronotick/ChronotickBase.h>
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+
+namespace chronotick {
+
+class Chronotick;
+class ChronotickVirtual;
+
+// Every live tagger of the process, with the number of create calls not yet
+// matched by a free. A tagger is built and destroyed with the instance mutex
+// held, so its constructor and destructor must not come back here.
+class TaggerRegistry {
+public:
+  struct Entry {
+    Chronotick *hardware = nullptr;
+    ChronotickVirtual *replay = nullptr;
+    std::uint64_t references = 0;
+  };
+
+  static TaggerRegistry &instance();
+
+  // The instance mutex. Everything below but release and releaseAll needs it held.
+  std::mutex &mutex() { return instance_mutex; }
+
+  // Enters a new tagger with one reference. `key` is the tagger's ChronotickBase.
+  void enter(ChronotickBase *key, Chronotick *hardware, ChronotickVirtual *replay);
+  // Null if `key` isn't registered.
+  Entry *find(ChronotickBase *key);
+  std::map<ChronotickBase *, Entry> &entries() { return registry; }
+  Chronotick *getDefaultInstance() const { return default_instance; }
+  void setDefaultInstance(Chronotick *tagger) { default_instance = tagger; }
+
+  // Drops one reference and destroys the tagger with its last (true). False
+  // for an unregistered pointer or while references remain. Takes the mutex.
+  bool release(ChronotickBase *tagger);
+  // Destroys every tagger whatever its references. Takes the mutex.
+  void releaseAll();
+
+private:
+  TaggerRegistry() = default;
+  static void checkEntry(const Entry &entry);
+
+  std::mutex instance_mutex;
+  std::map<ChronotickBase *, Entry> registry;
+  Chronotick *default_instance = nullptr;
+};
+
+} // namespace chronotick
