@@ -1,0 +1,21 @@
+#pragma once
+
+#include <chronotick/Coincidences.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace chronotick {
+
+// Coincidences of exactly one group of channels.
+class CHRONOTICK_API Coincidence : public Coincidences {
+public:
+  Coincidence(ChronotickBase *tagger, std::vector<std::int32_t> channels, std::int64_t coincidenceWindow = 1000,
+              CoincidenceTimestamp timestamp = CoincidenceTimestamp::Last);
+  ~Coincidence() override;
+
+  // The new channel.
+  std::int32_t getChannel();
+};
+
+} // namespace chronotick

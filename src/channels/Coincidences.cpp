@@ -1,0 +1,188 @@
+#include <chronotick/Coincidences.h>
+
+#include "channels/ChannelHashMap.h"
+#include "channels/TagQueue.h"
+
+#include <algorithm>
+#include <set>
+#include <stdexcept>
+#include <utility>
+
+namespace chronotick {
+
+// Per distinct channel (by bit index) its latest time and the groups that
+// hold it; per group its mask and its channels as bit indices.
+struct Coincidences::State {
+  ChannelHashMap bit_of_channel;
+  std::vector<std::int64_t> last_time;
+  std::vector<std::vector<std::uint32_t>> groups_of_channel;
+  std::vector<std::uint64_t> group_masks;
+  std::vector<std::vector<std::uint32_t>> group_bits;
+  // Coincidence tags not yet due, a min-heap by time.
+  std::vector<Tag> pending;
+
+  static bool later(const Tag &a, const Tag &b) { return a.time > b.time; }
+
+  void releaseBefore(std::int64_t time, std::vector<Tag> &output) {
+    while (!pending.empty() && timeBefore(pending.front().time, time)) {
+      std::pop_heap(pending.begin(), pending.end(), later);
+      output.push_back(pending.back());
+      pending.pop_back();
+    }
+  }
+
+  void hold(const Tag &tag) {
+    pending.push_back(tag);
+    std::push_heap(pending.begin(), pending.end(), later);
+  }
+};
+
+Coincidences::Coincidences(ChronotickBase *tagger, std::vector<std::vector<std::int32_t>> coincidenceGroups,
+                           std::int64_t coincidenceWindow, CoincidenceTimestamp timestamp)
+    : IteratorBase(tagger), state(std::make_unique<State>()), window(coincidenceWindow), timestamp_type(timestamp) {
+  const auto type = static_cast<std::int32_t>(timestamp);
+  if (type < 0 || type > 3)
+    throw std::runtime_error("invalid coincidence timestamp type");
+  if (coincidenceGroups.empty())
+    throw std::runtime_error("coincidences groups are empty");
+  std::set<std::int32_t> distinct;
+  for (const auto &group : coincidenceGroups) {
+    if (group.empty())
+      throw std::runtime_error("one of the groups is empty");
+    distinct.insert(group.begin(), group.end());
+  }
+  if (distinct.size() > 64)
+    throw std::runtime_error("no more than 64 different channels can be used at once on a single Coincidences "
+                             "measurement. Split the groups into multiple measurements");
+
+  State &s = *state;
+  for (std::uint32_t g = 0; g < coincidenceGroups.size(); ++g) {
+    std::uint64_t mask = 0;
+    std::vector<std::uint32_t> bits;
+    std::set<std::uint32_t> seen_in_group;
+    for (std::int32_t channel : coincidenceGroups[g]) {
+      const std::int32_t *found = s.bit_of_channel.find(channel);
+      std::uint32_t bit;
+      if (found) {
+        bit = static_cast<std::uint32_t>(*found);
+      } else {
+        bit = static_cast<std::uint32_t>(s.last_time.size());
+        s.bit_of_channel.insert(channel, static_cast<std::int32_t>(bit));
+        s.last_time.push_back(-window);
+        s.groups_of_channel.emplace_back();
+        registerChannel(channel);
+      }
+      // A channel listed twice in a group is tested once.
+      if (seen_in_group.insert(bit).second)
+        s.groups_of_channel[bit].push_back(g);
+      mask |= std::uint64_t{1} << bit;
+      bits.push_back(bit);
+    }
+    s.group_masks.push_back(mask);
+    s.group_bits.push_back(std::move(bits));
+  }
+  for (std::size_t g = 0; g < coincidenceGroups.size(); ++g)
+    virtual_channels.push_back(getNewVirtualChannel());
+  finishInitialization();
+}
+
+Coincidences::~Coincidences() {
+  stop();
+}
+
+std::vector<std::int32_t> Coincidences::getChannels() {
+  return virtual_channels;
+}
+
+void Coincidences::setCoincidenceWindow(std::int64_t new_window) {
+  auto lk = getLock();
+  if (new_window == window)
+    return;
+  window = new_window;
+}
+
+bool Coincidences::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t end_time) {
+  switch (timestamp_type) {
+  case CoincidenceTimestamp::Last:
+    process<CoincidenceTimestamp::Last>(tags, end_time);
+    break;
+  case CoincidenceTimestamp::Average:
+    process<CoincidenceTimestamp::Average>(tags, end_time);
+    break;
+  case CoincidenceTimestamp::First:
+    process<CoincidenceTimestamp::First>(tags, end_time);
+    break;
+  case CoincidenceTimestamp::ListedFirst:
+    process<CoincidenceTimestamp::ListedFirst>(tags, end_time);
+    break;
+  default:
+    throw std::runtime_error("invalid timestamp type for Coincidences Measurement");
+  }
+  return true;
+}
+
+template <CoincidenceTimestamp type> void Coincidences::process(std::vector<Tag> &tags, std::int64_t end_time) {
+  State &s = *state;
+  output.clear();
+  const std::int64_t w = window;
+  const std::size_t n_channels = s.last_time.size();
+  std::int64_t *last = s.last_time.data();
+
+  for (const Tag &tag : tags) {
+    if constexpr (type != CoincidenceTimestamp::Last)
+      s.releaseBefore(tag.time, output);
+    output.push_back(tag);
+    if (tag.type != Tag::Type::TimeTag) {
+      // Nothing is detected across a gap in the data.
+      for (std::size_t i = 0; i < n_channels; ++i)
+        last[i] = -w;
+      continue;
+    }
+    const std::int32_t *found = s.bit_of_channel.find(tag.channel);
+    if (!found)
+      continue;
+    const auto bit = static_cast<std::uint32_t>(*found);
+    const std::int64_t t = tag.time;
+    last[bit] = t;
+
+    std::uint64_t mask = 0;
+    for (std::size_t i = 0; i < n_channels; ++i) {
+      const auto distance =
+          static_cast<std::int64_t>(static_cast<std::uint64_t>(t) - static_cast<std::uint64_t>(last[i]));
+      mask |= static_cast<std::uint64_t>(distance < w) << i;
+    }
+
+    for (std::uint32_t g : s.groups_of_channel[bit]) {
+      const std::uint64_t group_mask = s.group_masks[g];
+      if ((mask & group_mask) != group_mask)
+        continue;
+      Tag fired = tag;
+      fired.channel = virtual_channels[g];
+      if constexpr (type == CoincidenceTimestamp::Last) {
+        output.push_back(fired);
+        continue;
+      } else {
+        const std::vector<std::uint32_t> &bits = s.group_bits[g];
+        if constexpr (type == CoincidenceTimestamp::First) {
+          std::int64_t earliest = last[bits.front()] - t;
+          for (std::uint32_t b : bits)
+            earliest = std::min(earliest, last[b] - t);
+          fired.time = t + earliest + w;
+        } else if constexpr (type == CoincidenceTimestamp::Average) {
+          std::int64_t sum = 0;
+          for (std::uint32_t b : bits)
+            sum += last[b] - t;
+          fired.time = t + sum / static_cast<std::int64_t>(bits.size()) + w;
+        } else {
+          fired.time = last[bits.front()] + w;
+        }
+        s.hold(fired);
+      }
+    }
+  }
+  if constexpr (type != CoincidenceTimestamp::Last)
+    s.releaseBefore(end_time, output);
+  output.swap(tags);
+}
+
+} // namespace chronotick
