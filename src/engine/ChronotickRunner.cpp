@@ -50,10 +50,10 @@ ChronotickRunner::~ChronotickRunner() {
 
 void ChronotickRunner::blockDone(const Worker &) {}
 
-void ChronotickRunner::setFenceCountersForTesting(std::uint32_t value) {
+void ChronotickRunner::setFenceCountersForTesting(std::uint32_t counter, std::uint32_t completed) {
   std::lock_guard<std::mutex> guard(fence_mutex);
-  fence_counter = value;
-  fence_completed = value;
+  fence_counter = counter;
+  fence_completed = completed;
   fence_pending = false;
 }
 

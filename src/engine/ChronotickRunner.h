@@ -54,8 +54,8 @@ protected:
   // Wakes one worker sleeping because the source had nothing to do.
   void wakeWorker();
 
-  // Test hook: lets tests start the fence counters anywhere (e.g. near 2^32).
-  void setFenceCountersForTesting(std::uint32_t value);
+  // Test hook: lets tests put the fence counters anywhere (e.g. near 2^32).
+  void setFenceCountersForTesting(std::uint32_t counter, std::uint32_t completed);
 
 private:
   struct SyncJobState {

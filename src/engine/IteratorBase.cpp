@@ -63,9 +63,7 @@ void IteratorBase::start() {
     guard.unlock();
     std::uint32_t fence = t->getFence(true);
     guard.lock();
-    if (fenceIsLater(fence, block_fence)) {
-      block_fence = fence;
-    }
+    block_fence = fence;
   }
   if (!running) {
     on_start();
@@ -91,12 +89,12 @@ void IteratorBase::startFor(std::int64_t duration, bool clear) {
     capture_duration = 0;
     clear_impl();
     capture_limit = duration;
-    if (attached && fenceIsLater(fence, block_fence)) {
+    if (attached) {
       block_fence = fence;
     }
   } else {
     capture_limit = capture_duration + duration;
-    if (attached && !running && fenceIsLater(fence, block_fence)) {
+    if (attached && !running) {
       block_fence = fence;
     }
   }
@@ -123,7 +121,7 @@ void IteratorBase::clear() {
     guard.unlock();
     std::uint32_t fence = t->getFence(true);
     guard.lock();
-    if (tagger && fenceIsLater(fence, block_fence)) {
+    if (tagger) {
       block_fence = fence;
     }
   }

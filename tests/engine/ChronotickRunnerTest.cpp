@@ -1,0 +1,259 @@
+#include "Probes.h"
+#include "support/TestTagger.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <random>
+#include <thread>
+
+using chronotick::IteratorBase;
+using chronotick::Tag;
+using chronotick::testing::TestTagger;
+using probes::Recorder;
+using probes::tag;
+
+namespace {
+
+// Checks that it sees blocks 0, 1, 2, ... exactly once each, in order: the
+// first tag's time of block k is k.
+class OrderChecker : public IteratorBase {
+public:
+  explicit OrderChecker(chronotick::ChronotickBase *t) : IteratorBase(t) { finishInitialization(); }
+  ~OrderChecker() override { stop(); }
+  std::int64_t expected = 0;
+  bool in_order = true;
+
+protected:
+  bool next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t) override {
+    if (tags.empty() || tags[0].time != expected) {
+      in_order = false;
+    }
+    ++expected;
+    return false;
+  }
+};
+
+// Two of these in a chain prove that workers overlap: the second one, busy
+// with block k, waits until the first one is busy with block k + 1.
+class Rendezvous : public IteratorBase {
+public:
+  Rendezvous(chronotick::ChronotickBase *t, std::atomic<int> &block_in_first_, bool first_)
+      : IteratorBase(t), block_in_first(block_in_first_), first(first_) {
+    finishInitialization();
+  }
+  ~Rendezvous() override { stop(); }
+  int overlaps = 0;
+
+protected:
+  bool next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t) override {
+    const int block = static_cast<int>(tags[0].time);
+    if (first) {
+      block_in_first.store(block);
+      // Stay a little so that the other worker can meet us here.
+      auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+      while (std::chrono::steady_clock::now() < until && block_in_first.load() == block && !met.load()) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
+    } else if (block == 0) {
+      auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+      while (std::chrono::steady_clock::now() < until) {
+        if (block_in_first.load() == block + 1) {
+          ++overlaps;
+          met.store(true);
+          break;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
+    }
+    return false;
+  }
+
+public:
+  static inline std::atomic<bool> met{false};
+
+private:
+  std::atomic<int> &block_in_first;
+  bool first;
+};
+
+std::vector<Tag> numbered(std::int64_t k) {
+  return {tag(1, k)};
+}
+
+} // namespace
+
+TEST(ChronotickRunner, EveryIteratorSeesEveryBlockOnceAndInOrder) {
+  TestTagger tagger(8, chronotick::CT_CHANNEL_NUMBER_SCHEME_ONE, 4);
+  std::vector<std::unique_ptr<OrderChecker>> chain;
+  for (int i = 0; i < 6; ++i) {
+    chain.push_back(std::make_unique<OrderChecker>(&tagger));
+  }
+  const int n_blocks = 2000;
+  for (int k = 0; k < n_blocks; ++k) {
+    tagger.push(numbered(k), k, k + 1);
+  }
+  tagger.waitUntilDone();
+  for (auto &c : chain) {
+    c->stop();
+    EXPECT_TRUE(c->in_order);
+    EXPECT_EQ(c->expected, n_blocks);
+    EXPECT_EQ(c->getCaptureDuration(), n_blocks);
+  }
+}
+
+TEST(ChronotickRunner, WorkersOverlapOnDifferentBlocks) {
+  TestTagger tagger(8, chronotick::CT_CHANNEL_NUMBER_SCHEME_ONE, 2);
+  std::atomic<int> block_in_first{-1};
+  Rendezvous::met = false;
+  Rendezvous first(&tagger, block_in_first, true);
+  Rendezvous second(&tagger, block_in_first, false);
+  for (int k = 0; k < 2; ++k) {
+    tagger.push(numbered(k), k, k + 1);
+  }
+  tagger.waitUntilDone();
+  second.stop();
+  EXPECT_EQ(second.overlaps, 1) << "iterator 1 never worked on block k+1 while iterator 2 worked on block k";
+}
+
+TEST(ChronotickRunner, IteratorsBuiltAndDestroyedWhileBlocksFlow) {
+  TestTagger tagger(8, chronotick::CT_CHANNEL_NUMBER_SCHEME_ONE, 2);
+  tagger.setAutoFeed(true, 1000);
+  std::atomic<bool> go{true};
+  std::vector<std::thread> clients;
+  std::atomic<int> built{0};
+  for (int c = 0; c < 3; ++c) {
+    clients.emplace_back([&, c] {
+      std::mt19937 rng(static_cast<unsigned>(c));
+      while (go.load()) {
+        auto rec = std::make_unique<Recorder>(&tagger);
+        if (rng() % 2) {
+          std::this_thread::sleep_for(std::chrono::microseconds(rng() % 2000));
+        }
+        if (rng() % 3 == 0) {
+          rec->clear();
+        }
+        rec->stop();
+        ++built;
+      }
+    });
+  }
+  for (int k = 0; k < 200; ++k) {
+    tagger.push(numbered(k), tagger.lastEndTime(), tagger.lastEndTime() + 10);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  go = false;
+  for (auto &t : clients) {
+    t.join();
+  }
+  tagger.setAutoFeed(false);
+  tagger.waitUntilDone();
+  EXPECT_GT(built.load(), 10);
+
+  // An iterator built while blocks flow sees what the earlier ones left.
+  probes::Shifter shifter(&tagger, 400);
+  Recorder rec(&tagger);
+  tagger.pushAndWait({tag(1, tagger.lastEndTime() + 1)}, tagger.lastEndTime() + 5);
+  auto tags = rec.allTags();
+  ASSERT_EQ(tags.size(), 2u);
+  EXPECT_EQ(tags[1].channel, 400);
+}
+
+TEST(ChronotickRunner, StopWorkersDetachesAttachedIterators) {
+  auto tagger = std::make_unique<TestTagger>();
+  Recorder running(tagger.get());
+  Recorder stopped(tagger.get(), false);
+  tagger->pushAndWait({tag(1, 1)}, 0, 10);
+  tagger.reset(); // stops the workers
+  EXPECT_FALSE(running.isRunning());
+  EXPECT_EQ(running.stops(), 1);
+  EXPECT_EQ(stopped.stops(), 0);
+  EXPECT_EQ(running.blocks().size(), 1u) << "results stay readable after detachment";
+  running.start(); // works without fences
+  EXPECT_TRUE(running.isRunning());
+  running.clear();
+  EXPECT_EQ(running.blocks().size(), 0u);
+  running.stop();
+}
+
+TEST(ChronotickRunner, FencesAndSync) {
+  TestTagger tagger;
+  const std::uint32_t f1 = tagger.getFence(true);
+  EXPECT_EQ(tagger.getFence(true), f1) << "two quick calls share a fence";
+  EXPECT_EQ(tagger.getFence(false), f1);
+  EXPECT_FALSE(tagger.waitForFence(f1, 0));
+  EXPECT_FALSE(tagger.waitForFence(f1, 20));
+  tagger.pushAndWait({}, 0, 10);
+  EXPECT_TRUE(tagger.waitForFence(f1, 0));
+  EXPECT_TRUE(tagger.waitForFence(f1, -1));
+  const std::uint32_t f2 = tagger.getFence(true);
+  EXPECT_EQ(f2, f1 + 1);
+
+  // sync blocks while delivery stalls and returns once a later block passed.
+  auto synced = std::async(std::launch::async, [&] { tagger.sync(); });
+  EXPECT_EQ(synced.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  tagger.push({}, 10, 20);
+  EXPECT_EQ(synced.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+TEST(ChronotickRunner, FenceThrottleAndWrapAround) {
+  TestTagger tagger;
+  for (std::uint32_t completed : {0u, 0xFFFFFFF0u}) {
+    // 100 fences ahead of the completed block: the next fresh fence waits.
+    tagger.setFenceCountersForTesting(completed + 100, completed);
+    auto fence = std::async(std::launch::async, [&] { return tagger.getFence(true); });
+    EXPECT_EQ(fence.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    tagger.push({}, tagger.lastEndTime(), tagger.lastEndTime() + 1);
+    ASSERT_EQ(fence.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(fence.get(), completed + 101);
+    tagger.waitUntilDone();
+  }
+  // Across the wrap, start and clear still keep old blocks away and let new ones in.
+  tagger.setFenceCountersForTesting(0xFFFFFFFEu, 0xFFFFFFFEu);
+  Recorder rec(&tagger);
+  for (int round = 0; round < 4; ++round) {
+    const std::int64_t t0 = tagger.lastEndTime();
+    tagger.pushAndWait({tag(1, t0 + 1)}, t0, t0 + 10);
+    ASSERT_EQ(rec.allTags().size(), 1u) << "round " << round;
+    rec.clear();
+  }
+}
+
+TEST(ChronotickRunner, RunSynchronizedCallsEachCallbackOnceInChainOrder) {
+  TestTagger tagger;
+  Recorder a(&tagger);
+  Recorder b(&tagger);
+  tagger.setAutoFeed(true, 1000);
+  std::vector<IteratorBase *> order;
+  std::vector<std::int64_t> captured;
+  std::mutex m;
+  std::map<IteratorBase *, std::function<void(IteratorBase *)>> callbacks;
+  for (IteratorBase *it : {static_cast<IteratorBase *>(&b), static_cast<IteratorBase *>(&a)}) {
+    callbacks[it] = [&](IteratorBase *self) {
+      std::lock_guard<std::mutex> g(m);
+      order.push_back(self);
+      captured.push_back(self->getCaptureDuration());
+    };
+  }
+  tagger.runSynchronized(callbacks, true);
+  ASSERT_EQ(order.size(), 2u);
+  EXPECT_EQ(order[0], &a);
+  EXPECT_EQ(order[1], &b);
+  EXPECT_EQ(captured[0], captured[1]) << "both callbacks must run during the same pass";
+
+  // A throwing callback makes the blocking call raise with the iterator's address.
+  callbacks.clear();
+  callbacks[&b] = [](IteratorBase *) { throw std::runtime_error("no way"); };
+  std::ostringstream expected;
+  expected << "IteratorBase " << static_cast<void *>(static_cast<IteratorBase *>(&b)) << ": no way\n";
+  try {
+    tagger.runSynchronized(callbacks, true);
+    ADD_FAILURE() << "runSynchronized did not raise";
+  } catch (const std::runtime_error &e) {
+    EXPECT_EQ(std::string(e.what()), expected.str());
+  }
+  tagger.runSynchronized({}, true); // an empty group returns after the next pass
+  tagger.setAutoFeed(false);
+}

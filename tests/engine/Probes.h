@@ -1,0 +1,149 @@
+#pragma once
+
+// Small iterators that let engine tests watch and steer the chain.
+
+#include <chronotick/IteratorBase.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <stdexcept>
+#include <vector>
+
+namespace probes {
+
+using chronotick::Tag;
+
+struct SeenBlock {
+  std::vector<Tag> tags;
+  std::int64_t begin_time;
+  std::int64_t end_time;
+};
+
+inline Tag tag(std::int32_t channel, std::int64_t time, Tag::Type type = Tag::Type::TimeTag) {
+  return Tag{type, 0, 0, channel, time};
+}
+
+// Records every block it is given, and counts starts and stops.
+class Recorder : public chronotick::IteratorBase {
+public:
+  explicit Recorder(chronotick::ChronotickBase *tagger, bool start = true) : IteratorBase(tagger) {
+    if (start) {
+      finishInitialization();
+    }
+  }
+  ~Recorder() override { stop(); }
+
+  std::vector<SeenBlock> blocks() {
+    auto guard = getLock();
+    return seen;
+  }
+  std::vector<Tag> allTags() {
+    auto guard = getLock();
+    std::vector<Tag> all;
+    for (auto &b : seen) {
+      all.insert(all.end(), b.tags.begin(), b.tags.end());
+    }
+    return all;
+  }
+  int starts() {
+    auto guard = getLock();
+    return n_start;
+  }
+  int stops() {
+    auto guard = getLock();
+    return n_stop;
+  }
+  int clears() {
+    auto guard = getLock();
+    return n_clear;
+  }
+
+  std::function<void()> on_block; // runs inside next_impl
+
+protected:
+  bool next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) override {
+    seen.push_back({tags, begin_time, end_time});
+    if (on_block) {
+      on_block();
+    }
+    return false;
+  }
+  void on_start() override { ++n_start; }
+  void on_stop() override { ++n_stop; }
+  void clear_impl() override {
+    ++n_clear;
+    seen.clear();
+  }
+
+private:
+  std::vector<SeenBlock> seen;
+  int n_start = 0;
+  int n_stop = 0;
+  int n_clear = 0;
+};
+
+// A virtual channel in miniature: appends a copy of every tag on `channel`
+// `shift` ps later (kept in order) on `output`, and says it changed the block.
+class Shifter : public chronotick::IteratorBase {
+public:
+  Shifter(chronotick::ChronotickBase *tagger, std::int32_t output_) : IteratorBase(tagger), output(output_) {
+    finishInitialization();
+  }
+  ~Shifter() override { stop(); }
+
+protected:
+  bool next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t) override {
+    out.clear();
+    for (const Tag &t : tags) {
+      out.push_back(t);
+      if (t.type == Tag::Type::TimeTag && t.channel != output) {
+        out.push_back(Tag{Tag::Type::TimeTag, 0, 0, output, t.time});
+      }
+    }
+    tags.swap(out);
+    return true;
+  }
+
+private:
+  std::int32_t output;
+  std::vector<Tag> out;
+};
+
+// Blocks every worker that reaches it until opened; tells when one waits.
+class Gate : public chronotick::IteratorBase {
+public:
+  explicit Gate(chronotick::ChronotickBase *tagger) : IteratorBase(tagger) { finishInitialization(); }
+  ~Gate() override {
+    open();
+    stop();
+  }
+  void open() {
+    std::lock_guard<std::mutex> g(m);
+    is_open = true;
+    cv.notify_all();
+  }
+  bool waitUntilHeld(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    std::unique_lock<std::mutex> g(m);
+    return cv.wait_for(g, limit, [this] { return held > 0; });
+  }
+
+protected:
+  bool next_impl(std::vector<Tag> &, std::int64_t, std::int64_t) override {
+    std::unique_lock<std::mutex> g(m);
+    ++held;
+    cv.notify_all();
+    cv.wait(g, [this] { return is_open; });
+    return false;
+  }
+
+private:
+  std::mutex m;
+  std::condition_variable cv;
+  int held = 0;
+  bool is_open = false;
+};
+
+} // namespace probes
