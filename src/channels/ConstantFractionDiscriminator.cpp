@@ -15,7 +15,7 @@ namespace {
 // output doesn't depend on where the blocks were cut.
 struct LaterTag {
   bool operator()(const Tag &a, const Tag &b) const {
-    return a.time > b.time || (a.time == b.time && a.channel > b.channel);
+    return tagTimeBefore(b.time, a.time) || (a.time == b.time && a.channel > b.channel);
   }
 };
 
@@ -108,8 +108,9 @@ void ConstantFractionDiscriminator::on_start() {
 void ConstantFractionDiscriminator::releaseBelow(std::int64_t time) {
   TagFifo &fifo = *delayed;
   while (true) {
-    bool from_fifo = !fifo.empty() && fifo.front().time < time;
-    if (!centres.empty() && centres.front().time < time && (!from_fifo || centres.front().time < fifo.front().time)) {
+    bool from_fifo = !fifo.empty() && tagTimeBefore(fifo.front().time, time);
+    if (!centres.empty() && tagTimeBefore(centres.front().time, time) &&
+        (!from_fifo || tagTimeBefore(centres.front().time, fifo.front().time))) {
       std::pop_heap(centres.begin(), centres.end(), LaterTag());
       output.push_back(centres.back());
       centres.pop_back();
@@ -145,7 +146,7 @@ bool ConstantFractionDiscriminator::next_impl(std::vector<Tag> &tags, std::int64
           lead.valid = false;
           std::int64_t width = tag.time - lead.time;
           if (width < search_window) {
-            Tag centre{Tag::Type::TimeTag, 0, 0, edge.output_channel, tag.time + delay - width / 2};
+            Tag centre{Tag::Type::TimeTag, 0, 0, edge.output_channel, tagTimeAdd(tag.time, delay - width / 2)};
             centres.push_back(centre);
             std::push_heap(centres.begin(), centres.end(), LaterTag());
           }
@@ -153,7 +154,7 @@ bool ConstantFractionDiscriminator::next_impl(std::vector<Tag> &tags, std::int64
       }
     }
     Tag moved = tag;
-    moved.time += delay;
+    moved.time = tagTimeAdd(moved.time, delay);
     delayed->push(moved);
   }
   releaseBelow(end_time);

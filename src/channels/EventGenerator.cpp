@@ -11,7 +11,7 @@ namespace chronotick {
 namespace {
 
 struct LaterTime {
-  bool operator()(const Tag &a, const Tag &b) const { return a.time > b.time; }
+  bool operator()(const Tag &a, const Tag &b) const { return tagTimeBefore(b.time, a.time); }
 };
 
 } // namespace
@@ -67,7 +67,7 @@ void EventGenerator::trigger(std::int64_t time) {
   if (c != offset)
     return;
   for (std::int64_t value : pattern) {
-    heap.push_back(Tag{Tag::Type::TimeTag, 0, 0, output_channel, time + value});
+    heap.push_back(Tag{Tag::Type::TimeTag, 0, 0, output_channel, tagTimeAdd(time, value)});
     std::push_heap(heap.begin(), heap.end(), LaterTime());
   }
 }
@@ -84,7 +84,7 @@ void EventGenerator::releaseGenerated() {
 }
 
 void EventGenerator::releaseBelow(std::int64_t time) {
-  while (!heap.empty() && heap.front().time < time)
+  while (!heap.empty() && tagTimeBefore(heap.front().time, time))
     releaseGenerated();
 }
 
@@ -111,8 +111,9 @@ void EventGenerator::passStreamTag(const Tag &tag) {
 void EventGenerator::releaseBothBelow(std::int64_t time) {
   TagFifo &queue = *input_queue;
   while (true) {
-    bool from_queue = !queue.empty() && queue.front().time < time;
-    if (!heap.empty() && heap.front().time < time && (!from_queue || heap.front().time < queue.front().time)) {
+    bool from_queue = !queue.empty() && tagTimeBefore(queue.front().time, time);
+    if (!heap.empty() && tagTimeBefore(heap.front().time, time) &&
+        (!from_queue || tagTimeBefore(heap.front().time, queue.front().time))) {
       releaseGenerated();
     } else if (from_queue) {
       Tag tag = queue.front();
@@ -144,7 +145,7 @@ bool EventGenerator::nextDelayed(std::vector<Tag> &tags, std::int64_t end_time) 
     if (tag.channel == stop_channel && stop_channel != CHANNEL_UNUSED)
       heap.clear();
     Tag delayed = tag;
-    delayed.time += shift;
+    delayed.time = tagTimeAdd(delayed.time, shift);
     input_queue->push(delayed);
     if (tag.type == Tag::Type::TimeTag && tag.channel == trigger_channel)
       trigger(tag.time);

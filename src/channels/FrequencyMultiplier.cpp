@@ -1,6 +1,8 @@
 #include <chronotick/ChronotickBase.h>
 #include <chronotick/FrequencyMultiplier.h>
 
+#include "channels/TagFifo.h"
+
 namespace chronotick {
 
 FrequencyMultiplier::FrequencyMultiplier(ChronotickBase *tagger_, std::int32_t input_channel_, std::int32_t multiplier_)
@@ -42,7 +44,7 @@ void FrequencyMultiplier::insertExtrapolatedTag() {
 bool FrequencyMultiplier::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t end_time) {
   output.clear();
   for (const Tag &tag : tags) {
-    while (next_time > 0 && next_time < tag.time)
+    while (next_time > 0 && tagTimeBefore(next_time, tag.time))
       insertExtrapolatedTag();
     output.push_back(tag);
     if (tag.type != Tag::Type::TimeTag) {
@@ -66,7 +68,7 @@ bool FrequencyMultiplier::next_impl(std::vector<Tag> &tags, std::int64_t, std::i
       next_time = last_time + (last_time - previous_time) / multiplier;
     }
   }
-  while (next_time > 0 && next_time < end_time)
+  while (next_time > 0 && tagTimeBefore(next_time, end_time))
     insertExtrapolatedTag();
   tags.swap(output);
   return true;

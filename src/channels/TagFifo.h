@@ -8,6 +8,16 @@
 
 namespace chronotick {
 
+// Times on the tag path compare by signed difference and add with wrap-around,
+// so that streams near the end of the 64-bit range stay ordered.
+inline bool tagTimeBefore(std::int64_t a, std::int64_t b) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b)) < 0;
+}
+
+inline std::int64_t tagTimeAdd(std::int64_t a, std::int64_t b) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
 // A first-in first-out queue of tags on a ring of power-of-two size. Unlike
 // std::deque it keeps its storage when drained, so a channel that delays the
 // stream allocates only while the ring grows to the largest delay seen.
