@@ -1,0 +1,98 @@
+#include <chronotick/ChronotickBase.h>
+#include <chronotick/IteratorBase.h>
+#include <chronotick/SynchronizedMeasurements.h>
+
+#include "measurements/ChronotickProxy.h"
+
+#include <map>
+
+namespace chronotick {
+
+SynchronizedMeasurements::SynchronizedMeasurements(ChronotickBase *tagger_)
+    : tagger(tagger_), proxy(new ChronotickProxy(tagger_, this)) {}
+
+SynchronizedMeasurements::~SynchronizedMeasurements() {
+  // Members keep running. Those that still point at the proxy are moved onto
+  // the real tagger first, so that they stay usable once it is gone.
+  {
+    std::lock_guard<std::mutex> guard(mutex);
+    for (IteratorBase *m : measurements) {
+      m->lock();
+      if (m->tagger == proxy) {
+        m->tagger = tagger;
+      }
+      m->unlock();
+    }
+  }
+  ChronotickBase *p = proxy;
+  proxy = nullptr;
+  delete p;
+}
+
+ChronotickBase *SynchronizedMeasurements::getTagger() {
+  return proxy;
+}
+
+void SynchronizedMeasurements::registerMeasurement(IteratorBase *measurement) {
+  std::lock_guard<std::mutex> guard(mutex);
+  measurements.insert(measurement);
+}
+
+void SynchronizedMeasurements::unregisterMeasurement(IteratorBase *measurement) {
+  std::lock_guard<std::mutex> guard(mutex);
+  measurements.erase(measurement);
+}
+
+void SynchronizedMeasurements::runWithSharedFence(const std::function<void(IteratorBase *)> &action) {
+  // One fence for all: every member then ignores the same blocks and begins
+  // with the same one.
+  const std::uint32_t fence = tagger->getFence(true);
+  runCallback(
+      [&action, fence](IteratorBase *m) {
+        action(m);
+        m->lock();
+        m->block_fence = fence;
+        m->unlock();
+      },
+      true);
+}
+
+void SynchronizedMeasurements::clear() {
+  runWithSharedFence([](IteratorBase *m) { m->clear(); });
+}
+
+void SynchronizedMeasurements::start() {
+  runWithSharedFence([](IteratorBase *m) { m->start(); });
+}
+
+void SynchronizedMeasurements::startFor(std::int64_t capture_duration, bool clear) {
+  runWithSharedFence([capture_duration, clear](IteratorBase *m) { m->startFor(capture_duration, clear); });
+}
+
+void SynchronizedMeasurements::stop() {
+  runCallback([](IteratorBase *m) { m->stop(); }, true);
+}
+
+bool SynchronizedMeasurements::isRunning() {
+  std::lock_guard<std::mutex> guard(mutex);
+  for (IteratorBase *m : measurements) {
+    if (m->isRunning()) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void SynchronizedMeasurements::runCallback(std::function<void(IteratorBase *)> callback, bool block) {
+  std::map<IteratorBase *, std::function<void(IteratorBase *)>> callbacks;
+  std::unique_lock<std::mutex> guard(mutex);
+  for (IteratorBase *m : measurements) {
+    callbacks.emplace(m, callback);
+  }
+  // The set may change again once the map is built; the pass itself needs
+  // no lock of ours.
+  guard.unlock();
+  tagger->runSynchronized(callbacks, block);
+}
+
+} // namespace chronotick
