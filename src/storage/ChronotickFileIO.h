@@ -210,13 +210,16 @@ public:
 private:
   void readOn();
   bool readBlock();
+  bool readRaw(void *data, std::size_t size);
+  bool skipRaw(std::size_t size);
+  bool takeField(std::size_t size, std::uint32_t &remaining);
   bool readField(void *data, std::size_t size, std::uint32_t &remaining, const char *message);
-  bool skipBytes(std::size_t size);
-  bool skipPadding(std::size_t size);
+  bool readText(std::string &text, std::uint32_t &remaining, const char *message);
   bool verifyBlock();
 
   std::ifstream stream;
   std::unique_ptr<char[]> stream_buffer;
+  std::uint64_t file_left = 0; // bytes not yet read
   std::uint32_t alignment = 0;
   ctbin::FileId file_id{};
   std::uint32_t version = 0;
