@@ -283,6 +283,7 @@ void ChronotickRunner::runAllIterators(Worker &worker) {
 
 IteratorSlot *ChronotickRunner::addIterator(IteratorBase *iterator) {
   auto *slot = new IteratorSlot(iterator);
+  iterator->slot = slot; // before a worker can link it and call next()
   std::lock_guard<std::mutex> guard(new_iterator_mutex);
   new_iterator_queue.push_back(slot);
   return slot;

@@ -24,7 +24,12 @@ IteratorBase::IteratorBase(ChronotickBase *tagger_)
   if (!tagger) {
     throw std::invalid_argument("tagger must not be null");
   }
-  slot = tagger->addIterator(this);
+  // The engine publishes the slot itself before a worker can see it; assign
+  // only for taggers that don't.
+  IteratorSlot *enrolled = tagger->addIterator(this);
+  if (slot != enrolled) {
+    slot = enrolled;
+  }
 }
 
 IteratorBase::~IteratorBase() {

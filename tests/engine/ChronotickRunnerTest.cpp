@@ -232,9 +232,10 @@ TEST(ChronotickRunner, RunSynchronizedCallsEachCallbackOnceInChainOrder) {
   std::map<IteratorBase *, std::function<void(IteratorBase *)>> callbacks;
   for (IteratorBase *it : {static_cast<IteratorBase *>(&b), static_cast<IteratorBase *>(&a)}) {
     callbacks[it] = [&](IteratorBase *self) {
+      const std::int64_t duration = self->getCaptureDuration();
       std::lock_guard<std::mutex> g(m);
       order.push_back(self);
-      captured.push_back(self->getCaptureDuration());
+      captured.push_back(duration);
     };
   }
   tagger.runSynchronized(callbacks, true);

@@ -27,8 +27,10 @@ void captureLog(chronotick::LogLevel level, std::string message) {
 
 struct LogCapture {
   LogCapture() {
-    std::lock_guard<std::mutex> guard(logged_mutex);
-    logged.clear();
+    {
+      std::lock_guard<std::mutex> guard(logged_mutex);
+      logged.clear();
+    }
     previous = chronotick::setLogger(&captureLog);
   }
   ~LogCapture() { chronotick::setLogger(previous); }
