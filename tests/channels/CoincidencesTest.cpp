@@ -1,5 +1,7 @@
 #include <chronotick/Coincidence.h>
 #include <chronotick/Coincidences.h>
+#include <chronotick/Combiner.h>
+#include <chronotick/DelayedChannel.h>
 
 #include "support/BlockRecorder.h"
 #include "support/RandomTagStreams.h"
@@ -8,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <string>
 
@@ -228,4 +231,91 @@ TEST(Coincidences, ConstructionRules) {
   ASSERT_EQ(tags.size(), 3u);
   EXPECT_EQ(tags[2].channel, first.getChannel());
   EXPECT_EQ(tags[2].time, 100);
+}
+
+namespace {
+
+// Fires of a two-channel group on a merged, time-sorted list of (time, is_a):
+// each tag fires if the other channel's latest tag is less than a window
+// earlier. Returns the fire times with `first` timing, else the tag times.
+std::vector<std::int64_t> pairFires(std::vector<std::pair<std::int64_t, bool>> events, std::int64_t window,
+                                    bool first) {
+  std::sort(events.begin(), events.end());
+  std::vector<std::int64_t> fires;
+  std::int64_t latest[2] = {0, 0};
+  bool seen[2] = {false, false};
+  for (const auto &[time, is_a] : events) {
+    const int own = is_a ? 0 : 1;
+    latest[own] = time;
+    seen[own] = true;
+    if (seen[1 - own] && time - latest[1 - own] < window)
+      fires.push_back(first ? std::min(time, latest[1 - own]) + window : time);
+  }
+  std::sort(fires.begin(), fires.end());
+  return fires;
+}
+
+} // namespace
+
+TEST(Coincidences, ChainOfVirtualChannelsMatchesDirectComputation) {
+  // Times apart by channel class (mod 4), so that no two channels of one
+  // group meet at the same time.
+  std::mt19937_64 rng(7);
+  std::uniform_int_distribution<int> pick(0, 3);
+  std::uniform_int_distribution<std::int64_t> gap(1, 60);
+  std::vector<Tag> stream;
+  std::int64_t t = 1000;
+  const std::int32_t channel_of_class[4] = {4, 1, 2, 3};
+  for (int i = 0; i < 20000; ++i) {
+    t += 4 * gap(rng);
+    const int cls = pick(rng);
+    stream.push_back(makeTag(channel_of_class[cls], t + cls));
+  }
+  const std::int64_t end = t + 5000;
+
+  TestTagger tagger;
+  DelayedChannel late(&tagger, 1, 300);
+  Combiner both(&tagger, {1, late.getChannel()});
+  Coincidence pair(&tagger, {both.getChannel(), 2}, 200);
+  DelayedChannel early(&tagger, 3, -500); // holds everything above back by 500
+  Coincidences ahead(&tagger, {{early.getChannel(), 4}}, 150, CoincidenceTimestamp::First);
+  BlockRecorder recorder(&tagger);
+  tagger.pushCut(stream, randomCuts(stream.size(), 60, 5), 0, end);
+  tagger.waitUntilDone();
+
+  std::vector<std::pair<std::int64_t, bool>> combined_and_2, copies_and_4;
+  for (const Tag &tag : stream) {
+    if (tag.channel == 1) {
+      combined_and_2.emplace_back(tag.time, true);
+      combined_and_2.emplace_back(tag.time + 300, true);
+    } else if (tag.channel == 2) {
+      combined_and_2.emplace_back(tag.time, false);
+    } else if (tag.channel == 3) {
+      copies_and_4.emplace_back(tag.time, true);
+    } else {
+      copies_and_4.emplace_back(tag.time + 500, false);
+    }
+  }
+  auto expected_pair = pairFires(combined_and_2, 200, false);
+  for (auto &time : expected_pair)
+    time += 500;
+  const auto expected_ahead = pairFires(copies_and_4, 150, true);
+
+  const auto tags = recorder.tags();
+  EXPECT_EQ(recorder.outOfOrder(), 0u);
+  std::vector<std::int64_t> got_pair, got_ahead;
+  std::size_t n_stream = 0;
+  for (const Tag &tag : tags) {
+    if (tag.channel == pair.getChannel())
+      got_pair.push_back(tag.time);
+    else if (tag.channel == ahead.getChannels()[0])
+      got_ahead.push_back(tag.time);
+    else if (tag.channel >= 1 && tag.channel <= 4)
+      ++n_stream;
+  }
+  EXPECT_EQ(n_stream, stream.size());
+  EXPECT_GT(expected_pair.size(), 1000u);
+  EXPECT_GT(expected_ahead.size(), 1000u);
+  EXPECT_EQ(got_pair, expected_pair);
+  EXPECT_EQ(got_ahead, expected_ahead);
 }
