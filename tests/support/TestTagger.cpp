@@ -32,6 +32,19 @@ void TestTagger::push(std::vector<Tag> tags, std::int64_t begin_time, std::int64
   wakeWorker();
 }
 
+void TestTagger::pushCopy(const std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) {
+  std::vector<Tag> copy;
+  {
+    std::lock_guard<std::mutex> guard(queue_mutex);
+    if (!spare.empty()) {
+      copy.swap(spare.back());
+      spare.pop_back();
+    }
+  }
+  copy.assign(tags.begin(), tags.end());
+  push(std::move(copy), begin_time, end_time);
+}
+
 void TestTagger::push(std::vector<Tag> tags, std::int64_t end_time) {
   push(std::move(tags), lastEndTime(), end_time);
 }
@@ -119,6 +132,9 @@ bool TestTagger::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, s
     worker.tags.swap(block.tags);
     worker.begin_time = block.begin_time;
     worker.end_time = block.end_time;
+    if (block.tags.capacity() != 0 && spare.size() < 64) {
+      spare.push_back(std::move(block.tags));
+    }
     queue.pop_front();
     worker.sequence = ++handed;
   }
