@@ -4,14 +4,13 @@
 #include <chronotick/IteratorBase.h>
 #include <chronotick/Tag.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 namespace chronotick {
 
 class ChronotickBase;
-class TagFifo;
 
 // Puts one tag at the centre of each pulse, seen as a rising edge on a named
 // channel followed by the edge of its inverted channel within search_window.
@@ -42,6 +41,7 @@ private:
   std::int32_t findOrAddEdge(std::int32_t channel);
   std::int32_t edgeOf(std::int32_t channel) const;
   void buildLookup();
+  void addCentre(const Tag &centre);
   void releaseBelow(std::int64_t time);
 
   std::int64_t search_window;
@@ -54,8 +54,12 @@ private:
   std::vector<std::int32_t> lookup;
   std::int64_t lookup_base = 0;
   std::vector<Tag> output;
-  std::vector<Tag> centres; // min-heap by (time, channel)
-  std::unique_ptr<TagFifo> delayed;
+  // Tags waiting for their time from [head] on, each vector in time order:
+  // the delayed stream, and the centres (by time, then channel).
+  std::vector<Tag> delayed;
+  std::size_t delayed_head = 0;
+  std::vector<Tag> centres;
+  std::size_t centres_head = 0;
 };
 
 } // namespace chronotick

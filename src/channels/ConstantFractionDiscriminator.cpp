@@ -11,8 +11,8 @@ namespace chronotick {
 
 namespace {
 
-// Min-heap order for std::push_heap; equal times go by channel so that the
-// output doesn't depend on where the blocks were cut.
+// Order of the centres: equal times go by channel, so that the output doesn't
+// depend on where the blocks were cut.
 struct LaterTag {
   bool operator()(const Tag &a, const Tag &b) const {
     return tagTimeBefore(b.time, a.time) || (a.time == b.time && a.channel > b.channel);
@@ -26,8 +26,7 @@ constexpr std::int64_t max_lookup_span = 1 << 16;
 ConstantFractionDiscriminator::ConstantFractionDiscriminator(ChronotickBase *tagger_,
                                                              std::vector<std::int32_t> channels,
                                                              std::int64_t search_window_)
-    : IteratorBase(tagger_), search_window(search_window_), delay(search_window_ / 2),
-      delayed(std::make_unique<TagFifo>()) {
+    : IteratorBase(tagger_), search_window(search_window_), delay(search_window_ / 2) {
   if (search_window < 1)
     throw std::invalid_argument("search_window must be at least 1 ps");
 
@@ -99,65 +98,95 @@ std::int32_t ConstantFractionDiscriminator::edgeOf(std::int32_t channel) const {
 void ConstantFractionDiscriminator::on_start() {
   for (Edge &edge : edges)
     edge.valid = false;
+  delayed.clear();
+  delayed_head = 0;
   centres.clear();
-  delayed->clear();
+  centres_head = 0;
+}
+
+// Keeps centres[centres_head..] sorted by (time, channel). A new centre lies
+// at most one delay before the latest, so it moves back only a few places.
+void ConstantFractionDiscriminator::addCentre(const Tag &centre) {
+  centres.push_back(centre);
+  std::size_t i = centres.size() - 1;
+  while (i > centres_head && LaterTag()(centres[i - 1], centre)) {
+    centres[i] = centres[i - 1];
+    --i;
+  }
+  centres[i] = centre;
 }
 
 // Moves every waiting tag due before `time` to the output, in time order; a
 // delayed input goes before a centre of the same time.
 void ConstantFractionDiscriminator::releaseBelow(std::int64_t time) {
-  TagFifo &fifo = *delayed;
-  while (true) {
-    bool from_fifo = !fifo.empty() && tagTimeBefore(fifo.front().time, time);
-    if (!centres.empty() && tagTimeBefore(centres.front().time, time) &&
-        (!from_fifo || tagTimeBefore(centres.front().time, fifo.front().time))) {
-      std::pop_heap(centres.begin(), centres.end(), LaterTag());
-      output.push_back(centres.back());
-      centres.pop_back();
-    } else if (from_fifo) {
-      output.push_back(fifo.front());
-      fifo.pop();
-    } else {
-      return;
-    }
+  const Tag *d = delayed.data() + delayed_head;
+  const Tag *d_end = delayed.data() + delayed.size();
+  const Tag *c = centres.data() + centres_head;
+  const Tag *c_end = centres.data() + centres.size();
+  while (d != d_end && c != c_end) {
+    bool take_centre = tagTimeBefore(c->time, d->time);
+    const Tag &next = take_centre ? *c : *d;
+    if (!tagTimeBefore(next.time, time))
+      break;
+    output.push_back(next);
+    c += take_centre;
+    d += !take_centre;
   }
+  for (; d != d_end && tagTimeBefore(d->time, time); ++d)
+    output.push_back(*d);
+  for (; c != c_end && tagTimeBefore(c->time, time); ++c)
+    output.push_back(*c);
+  delayed_head = static_cast<std::size_t>(d - delayed.data());
+  centres_head = static_cast<std::size_t>(c - centres.data());
+}
+
+// Moves what still waits to the front of its vector, so that the vectors
+// stay as small as one delay's worth of tags.
+static void compact(std::vector<Tag> &tags, std::size_t &head) {
+  tags.erase(tags.begin(), tags.begin() + static_cast<std::ptrdiff_t>(head));
+  head = 0;
 }
 
 bool ConstantFractionDiscriminator::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t end_time) {
   output.clear();
-  for (const Tag &tag : tags) {
-    releaseBelow(tag.time);
-    if (tag.type != Tag::Type::TimeTag) {
-      // What is still waiting lies beyond the break and can't be trusted.
-      on_start();
-      output.push_back(tag);
-      continue;
-    }
-    std::int32_t index = edgeOf(tag.channel);
-    if (index >= 0) {
-      Edge &edge = edges[static_cast<std::size_t>(index)];
-      if (edge.leading) {
-        edge.time = tag.time;
-        edge.valid = true;
-      }
-      if (edge.trailing) {
-        Edge &lead = edges[static_cast<std::size_t>(edge.partner)];
-        if (lead.valid) {
-          lead.valid = false;
-          std::int64_t width = tag.time - lead.time;
-          if (width < search_window) {
-            Tag centre{Tag::Type::TimeTag, 0, 0, edge.output_channel, tagTimeAdd(tag.time, delay - width / 2)};
-            centres.push_back(centre);
-            std::push_heap(centres.begin(), centres.end(), LaterTag());
+  const std::size_t n = tags.size();
+  std::size_t i = 0;
+  while (true) {
+    // A stretch of time tags: pair the edges and queue everything delayed.
+    for (; i < n && tags[i].type == Tag::Type::TimeTag; ++i) {
+      const Tag &tag = tags[i];
+      std::int32_t index = edgeOf(tag.channel);
+      if (index >= 0) {
+        Edge &edge = edges[static_cast<std::size_t>(index)];
+        if (edge.leading) {
+          edge.time = tag.time;
+          edge.valid = true;
+        }
+        if (edge.trailing) {
+          Edge &lead = edges[static_cast<std::size_t>(edge.partner)];
+          if (lead.valid) {
+            lead.valid = false;
+            std::int64_t width = tag.time - lead.time;
+            if (width < search_window)
+              addCentre(Tag{Tag::Type::TimeTag, 0, 0, edge.output_channel, tagTimeAdd(tag.time, delay - width / 2)});
           }
         }
       }
+      delayed.push_back(tag);
+      delayed.back().time = tagTimeAdd(tag.time, delay);
     }
-    Tag moved = tag;
-    moved.time = tagTimeAdd(moved.time, delay);
-    delayed->push(moved);
+    if (i == n)
+      break;
+    // A break: what is due before it leaves, what would come after it can't
+    // be trusted and is dropped, and the break itself passes undelayed.
+    releaseBelow(tags[i].time);
+    on_start();
+    output.push_back(tags[i]);
+    ++i;
   }
   releaseBelow(end_time);
+  compact(delayed, delayed_head);
+  compact(centres, centres_head);
   tags.swap(output);
   return true;
 }
