@@ -2,3 +2,16 @@
 
 // Measurements of the library; each class has a header of its own.
 #include <chronotick/FastBinning.h>
+#include <chronotick/Counter.h>
+#include <chronotick/Countrate.h>
+#include <chronotick/StartStop.h>
+#include <chronotick/TimeDifferences.h>
+#include <chronotick/Histogram.h>
+#include <chronotick/Correlation.h>
+#include <chronotick/Flim.h>
+#include <chronotick/CountBetweenMarkers.h>
+#include <chronotick/HistogramLogBins.h>
+#include <chronotick/Histogram2D.h>
+#include <chronotick/TimeDifferencesND.h>
+#include <chronotick/Scope.h>
+#include <chronotick/SynchronizedMeasurements.h>

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chronotick/Export.h>
+#include <chronotick/IteratorBase.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+namespace chronotick {
+
+class ChronotickBase;
+
+// Average rate of each channel since the measurement began, and the total
+// number of its tags.
+class CHRONOTICK_API Countrate : public IteratorBase {
+public:
+  Countrate(ChronotickBase *tagger, std::vector<std::int32_t> channels);
+  ~Countrate() override;
+
+  // allocate(number of channels); counts per second.
+  void getData(std::function<double *(std::size_t)> allocate);
+  // allocate(number of channels); tags since the last clear.
+  void getCountsTotal(std::function<std::int64_t *(std::size_t)> allocate);
+
+protected:
+  bool next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) override;
+  void clear_impl() override;
+  void on_start() override;
+
+private:
+  std::vector<std::int32_t> channels;
+  std::int64_t last_time;
+  std::int64_t first_time; // 0: not anchored yet
+  std::vector<std::int64_t> counts_period;
+  std::vector<std::int64_t> counts_total;
+};
+
+} // namespace chronotick
