@@ -6,12 +6,14 @@
 
 namespace chronotick {
 
-// Open-addressing map from a channel number to a small value, for lookups on
-// every tag. Hashes the channel's four bytes with FNV-1a and keeps the table
-// at most a quarter full, so that a channel that isn't in it costs one probe.
+// Map from a channel number to a small value, for a lookup on every tag.
+// Hashes the channel's four bytes with FNV-1a, masked to the table size. The
+// table grows until every channel sits in its own home slot, so that a lookup
+// is a single probe without branches; only when that would take more than
+// max_slots does it fall back to linear probing.
 class ChannelHashMap {
 public:
-  ChannelHashMap() { slots.resize(8); }
+  ChannelHashMap() : slots(8) {}
 
   static std::uint64_t hash(std::int32_t channel) {
     const auto bits = static_cast<std::uint32_t>(channel);
@@ -25,59 +27,90 @@ public:
 
   // Inserts or overwrites.
   void insert(std::int32_t channel, std::int32_t value) {
-    if (4 * (count + 1) > slots.size())
-      grow();
-    if (place(slots, channel, value))
-      ++count;
+    for (Entry &entry : entries) {
+      if (entry.key == channel) {
+        entry.value = value;
+        rebuild(slots.size());
+        return;
+      }
+    }
+    entries.push_back({channel, value});
+    rebuild(slots.size());
+  }
+
+  // Whether `channel` is in the map; its value goes to `value`, which is
+  // undefined otherwise.
+  bool lookup(std::int32_t channel, std::int32_t &value) const {
+    const std::size_t mask = slots.size() - 1;
+    std::size_t i = hash(channel) & mask;
+    if (direct) {
+      const Slot &slot = slots[i];
+      value = slot.value;
+      return slot.used & (slot.key == channel);
+    }
+    for (;; i = (i + 1) & mask) {
+      const Slot &slot = slots[i];
+      if (!slot.used)
+        return false;
+      if (slot.key == channel) {
+        value = slot.value;
+        return true;
+      }
+    }
   }
 
   // The value of `channel`, or nullptr if it isn't in the map.
   const std::int32_t *find(std::int32_t channel) const {
-    const std::size_t mask = slots.size() - 1;
-    for (std::size_t i = hash(channel) & mask;; i = (i + 1) & mask) {
-      const Slot &slot = slots[i];
-      if (!slot.used)
-        return nullptr;
-      if (slot.key == channel)
-        return &slot.value;
-    }
+    for (const Entry &entry : entries)
+      if (entry.key == channel)
+        return &entry.value;
+    return nullptr;
   }
 
-  std::size_t size() const { return count; }
+  std::size_t size() const { return entries.size(); }
 
 private:
+  static constexpr std::size_t max_slots = 4096;
+
   struct Slot {
     std::int32_t key = 0;
     std::int32_t value = 0;
     bool used = false;
   };
+  struct Entry {
+    std::int32_t key;
+    std::int32_t value;
+  };
 
-  // Returns true if a new slot was taken.
-  static bool place(std::vector<Slot> &table, std::int32_t channel, std::int32_t value) {
-    const std::size_t mask = table.size() - 1;
-    for (std::size_t i = hash(channel) & mask;; i = (i + 1) & mask) {
-      Slot &slot = table[i];
-      if (!slot.used) {
-        slot = Slot{channel, value, true};
-        return true;
+  // Rebuilds the table at the smallest size from `size` on, at most a quarter
+  // full, where no two channels share a home slot; else probes.
+  void rebuild(std::size_t size) {
+    while (size < 4 * entries.size())
+      size *= 2;
+    for (;; size *= 2) {
+      direct = size <= max_slots;
+      slots.assign(size, Slot{});
+      const std::size_t mask = slots.size() - 1;
+      bool clash = false;
+      for (const Entry &entry : entries) {
+        std::size_t i = hash(entry.key) & mask;
+        if (slots[i].used) {
+          clash = true;
+          if (direct)
+            break;
+          while (slots[i].used)
+            i = (i + 1) & mask;
+        }
+        slots[i] = Slot{entry.key, entry.value, true};
       }
-      if (slot.key == channel) {
-        slot.value = value;
-        return false;
-      }
+      if (!clash || !direct)
+        return;
     }
   }
 
-  void grow() {
-    std::vector<Slot> bigger(slots.size() * 2);
-    for (const Slot &slot : slots)
-      if (slot.used)
-        place(bigger, slot.key, slot.value);
-    slots.swap(bigger);
-  }
-
   std::vector<Slot> slots;
-  std::size_t count = 0;
+  std::vector<Entry> entries;
+  bool direct = true;
 };
 
 } // namespace chronotick

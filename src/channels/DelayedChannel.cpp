@@ -2,6 +2,7 @@
 
 #include "channels/ChannelHashMap.h"
 #include "channels/TagQueue.h"
+#include "channels/TagWriter.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -104,75 +105,112 @@ void DelayedChannel::process(std::vector<Tag> &tags, std::int64_t end_time) {
   const std::int32_t *out = outputs.data();
   const std::size_t n = inputs.size();
   const std::int64_t d = delay;
-  output.clear();
+  bool overflow = in_overflow;
+  const bool mixed = holds_stream_tags;
 
-  // Output channel of an input, or false for any other channel.
+  // The queue's ring in locals, so that the loop keeps them in registers;
+  // written back before anything else touches the queue.
+  Tag *ring = queue.ring.data();
+  std::size_t mask = queue.ring.size() - 1;
+  std::size_t head = queue.head;
+  std::size_t count = queue.count;
+  auto store = [&] {
+    queue.head = head;
+    queue.count = count;
+  };
+  auto reload = [&] {
+    ring = queue.ring.data();
+    mask = queue.ring.size() - 1;
+    head = queue.head;
+    count = queue.count;
+  };
+  // Appends to the queue. A tag that would break its order can only follow a
+  // change of delay; it is inserted in place.
+  auto enqueue = [&](const Tag &tag, bool take) {
+    if (count > mask) {
+      store();
+      queue.grow();
+      reload();
+    }
+    if (count != 0 && timeBefore(tag.time, ring[(head + count - 1) & mask].time)) {
+      if (take) {
+        store();
+        queue.push(tag);
+        reload();
+      }
+      return;
+    }
+    ring[(head + count) & mask] = tag;
+    count += take;
+  };
+
+  // Output channel of an input; `hit` says whether the channel is one.
   auto lookup = [&](std::int32_t channel, std::int32_t &output_channel) {
     if constexpr (linear_lookup) {
+      bool hit = false;
       for (std::size_t i = 0; i < n; ++i) {
-        if (in[i] == channel) {
-          output_channel = out[i];
-          return true;
-        }
+        const bool match = in[i] == channel;
+        output_channel = match ? out[i] : output_channel;
+        hit |= match;
       }
-      return false;
+      return hit;
     } else {
-      const std::int32_t *found = map.find(channel);
-      if (!found)
-        return false;
-      output_channel = *found;
-      return true;
+      return map.lookup(channel, output_channel);
     }
   };
   auto isCopy = [&](const Tag &tag) { return std::find(out, out + n, tag.channel) != out + n; };
 
+  TagWriter writer(output);
+
   auto release = [&](std::int64_t time) {
-    while (!queue.empty() && timeBefore(queue.front().time, time)) {
-      const Tag tag = queue.front();
-      queue.pop_front();
+    while (count != 0 && timeBefore(ring[head].time, time)) {
+      const Tag &tag = ring[head];
       if constexpr (positive_delay) {
         // A copy that falls due during an overflow is lost with the data
-        // around it; held-back stream tags are the stream itself.
-        if (!in_overflow || (holds_stream_tags && !isCopy(tag)))
-          output.push_back(tag);
+        // around it; stream tags held back by an earlier negative delay are
+        // the stream itself.
+        if (!overflow || (mixed && !isCopy(tag)))
+          writer.push(tag);
       } else {
         if (tag.type == Tag::Type::OverflowBegin)
-          in_overflow = true;
+          overflow = true;
         else if (tag.type == Tag::Type::OverflowEnd)
-          in_overflow = false;
-        output.push_back(tag);
+          overflow = false;
+        writer.push(tag);
       }
+      head = (head + 1) & mask;
+      --count;
     }
   };
 
   for (const Tag &tag : tags) {
     release(tag.time);
     if constexpr (positive_delay) {
-      output.push_back(tag);
-      switch (tag.type) {
-      case Tag::Type::TimeTag: {
-        std::int32_t output_channel;
-        if (lookup(tag.channel, output_channel)) {
-          Tag copy = tag;
-          copy.channel = output_channel;
-          copy.time = timePlus(tag.time, d);
-          queue.push(copy);
-        }
-        break;
+      writer.push(tag);
+      if (tag.type == Tag::Type::TimeTag) {
+        std::int32_t output_channel = 0;
+        const bool hit = lookup(tag.channel, output_channel);
+        Tag copy = tag;
+        copy.channel = output_channel;
+        copy.time = timePlus(tag.time, d);
+        enqueue(copy, hit);
+        continue;
       }
+      switch (tag.type) {
       case Tag::Type::Error:
-        if (holds_stream_tags) {
+        if (mixed) {
+          store();
           queue.filter([&](const Tag &queued) { return !isCopy(queued); });
-          holds_stream_tags = !queue.empty();
+          reload();
         } else {
-          queue.clear();
+          count = 0;
         }
         break;
       case Tag::Type::OverflowBegin:
-        in_overflow = true;
+        overflow = true;
         break;
       case Tag::Type::OverflowEnd:
-        in_overflow = false;
+        overflow = false;
         break;
       default:
         break;
@@ -180,24 +218,24 @@ void DelayedChannel::process(std::vector<Tag> &tags, std::int64_t end_time) {
     } else {
       Tag held = tag;
       held.time = timePlus(tag.time, -d);
-      queue.push(held);
-      std::int32_t output_channel;
-      if (tag.type == Tag::Type::TimeTag && lookup(tag.channel, output_channel)) {
-        Tag copy = tag;
-        copy.channel = output_channel;
-        if (in_overflow) {
-          copy.type = Tag::Type::MissedEvents;
-          copy.missed_events = 1;
-        }
-        output.push_back(copy);
+      enqueue(held, true);
+      std::int32_t output_channel = 0;
+      const bool hit = lookup(tag.channel, output_channel) & (tag.type == Tag::Type::TimeTag);
+      Tag copy = tag;
+      copy.channel = output_channel;
+      if (overflow) {
+        copy.type = Tag::Type::MissedEvents;
+        copy.missed_events = 1;
       }
+      writer.pushIf(copy, hit);
     }
   }
   release(end_time);
-  if constexpr (positive_delay) {
-    if (holds_stream_tags && queue.empty())
-      holds_stream_tags = false;
-  }
+  store();
+  writer.finish();
+  in_overflow = overflow;
+  if (holds_stream_tags && count == 0)
+    holds_stream_tags = false;
   output.swap(tags);
 }
 

@@ -19,7 +19,9 @@ inline std::int64_t timePlus(std::int64_t a, std::int64_t b) {
 }
 
 // A double-ended queue of tags in time order on a ring buffer that keeps its
-// capacity, so that the steady state allocates nothing.
+// capacity, so that the steady state allocates nothing. Hot loops may work on
+// ring, head and count directly (tag i sits at ring[(head + i) & (size - 1)])
+// and call grow() when count reaches the ring's size.
 class TagQueue {
 public:
   TagQueue() : ring(16) {}
@@ -64,7 +66,6 @@ public:
     count = kept;
   }
 
-private:
   void grow() {
     std::vector<Tag> bigger(ring.size() * 2);
     for (std::size_t i = 0; i < count; ++i)
@@ -73,6 +74,11 @@ private:
     head = 0;
   }
 
+  std::vector<Tag> ring; // power-of-two size
+  std::size_t head = 0;
+  std::size_t count = 0;
+
+private:
   void insertSorted(const Tag &tag) {
     const std::size_t mask = ring.size() - 1;
     std::size_t i = count;
@@ -83,10 +89,6 @@ private:
     ring[(head + i) & mask] = tag;
     ++count;
   }
-
-  std::vector<Tag> ring;
-  std::size_t head = 0;
-  std::size_t count = 0;
 };
 
 } // namespace chronotick

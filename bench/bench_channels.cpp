@@ -1,0 +1,131 @@
+// Throughput of the combiner, the gate, the coincidence channels and the
+// delayed channels in the engine: blocks of 131072 tags over 8 channels.
+// items_per_second is the rate of input tags through the chain.
+
+#include <chronotick/Coincidence.h>
+#include <chronotick/Coincidences.h>
+#include <chronotick/Combiner.h>
+#include <chronotick/DelayedChannel.h>
+#include <chronotick/GatedChannel.h>
+
+#include "support/TestTagger.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <random>
+#include <vector>
+
+using chronotick::IteratorBase;
+using chronotick::Tag;
+using chronotick::testing::TestTagger;
+
+namespace {
+
+constexpr std::size_t block_size = 131072;
+constexpr int blocks_per_round = 8;
+
+// Tags on channels 1..8 with exponential gaps (mean 100 ps), times relative
+// to the block's start.
+std::vector<Tag> makeBlock(std::int64_t &span) {
+  std::mt19937_64 rng(1);
+  std::exponential_distribution<double> gap(1.0 / 100.0);
+  std::uniform_int_distribution<std::int32_t> channel(1, 8);
+  std::vector<Tag> tags(block_size);
+  std::int64_t t = 0;
+  for (Tag &tag : tags) {
+    t += 1 + static_cast<std::int64_t>(gap(rng));
+    tag = Tag{Tag::Type::TimeTag, 0, 0, channel(rng), t};
+  }
+  span = t + 1;
+  return tags;
+}
+
+void runChain(benchmark::State &state, const std::function<std::unique_ptr<IteratorBase>(TestTagger &)> &build) {
+  TestTagger tagger;
+  std::unique_ptr<IteratorBase> channel = build ? build(tagger) : nullptr;
+  std::int64_t span = 0;
+  const std::vector<Tag> pattern = makeBlock(span);
+  std::int64_t offset = 1000000;
+  std::vector<std::vector<Tag>> round(blocks_per_round);
+  for (auto _ : state) {
+    // Shifted copies are made outside the measured time.
+    state.PauseTiming();
+    std::int64_t t = offset;
+    for (auto &block : round) {
+      block = pattern;
+      for (Tag &tag : block)
+        tag.time += t;
+      t += span;
+    }
+    state.ResumeTiming();
+    for (auto &block : round) {
+      tagger.push(std::move(block), offset, offset + span);
+      offset += span;
+    }
+    tagger.waitUntilDone();
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * blocks_per_round *
+                          static_cast<std::int64_t>(block_size));
+  channel.reset();
+}
+
+void BM_EngineAlone(benchmark::State &state) {
+  runChain(state, nullptr);
+}
+
+void BM_Combiner(benchmark::State &state) {
+  runChain(state, [](TestTagger &tagger) {
+    return std::make_unique<chronotick::Combiner>(&tagger, std::vector<std::int32_t>{1, 2});
+  });
+}
+
+void BM_GatedChannel(benchmark::State &state) {
+  runChain(state, [](TestTagger &tagger) { return std::make_unique<chronotick::GatedChannel>(&tagger, 1, 2, 3); });
+}
+
+// Argument: delay in ps.
+void BM_DelayedChannel_One(benchmark::State &state) {
+  runChain(state, [&](TestTagger &tagger) {
+    return std::make_unique<chronotick::DelayedChannel>(&tagger, 1, static_cast<std::int64_t>(state.range(0)));
+  });
+}
+
+void BM_DelayedChannel_Four(benchmark::State &state) {
+  runChain(state, [&](TestTagger &tagger) {
+    return std::make_unique<chronotick::DelayedChannel>(&tagger, std::vector<std::int32_t>{1, 3, 5, 7},
+                                                        static_cast<std::int64_t>(state.range(0)));
+  });
+}
+
+// Argument: timestamp type.
+void BM_Coincidence_TwoFold(benchmark::State &state) {
+  runChain(state, [&](TestTagger &tagger) {
+    return std::make_unique<chronotick::Coincidence>(&tagger, std::vector<std::int32_t>{1, 2}, 1000,
+                                                     static_cast<chronotick::CoincidenceTimestamp>(state.range(0)));
+  });
+}
+
+void BM_Coincidences_EightGroups(benchmark::State &state) {
+  runChain(state, [&](TestTagger &tagger) {
+    std::vector<std::vector<std::int32_t>> groups;
+    for (std::int32_t c = 1; c <= 8; ++c)
+      groups.push_back({c, c % 8 + 1});
+    return std::make_unique<chronotick::Coincidences>(&tagger, groups, 1000,
+                                                      static_cast<chronotick::CoincidenceTimestamp>(state.range(0)));
+  });
+}
+
+} // namespace
+
+BENCHMARK(BM_EngineAlone)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Combiner)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GatedChannel)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DelayedChannel_One)->Arg(10000)->Arg(-10000)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DelayedChannel_Four)->Arg(10000)->Arg(-10000)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Coincidence_TwoFold)->Arg(0)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Coincidences_EightGroups)->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();
