@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 using namespace chronotick;
@@ -145,6 +146,43 @@ TEST(FileWriter, RoundTripsOfRandomStreams) {
     else
       EXPECT_EQ(compressions, (std::set<std::uint32_t>{0, 1}));
   }
+}
+
+TEST(FileWriter, RoundTripOfCutStream) {
+  // One sorted stream, cut into blocks at random places by the test source.
+  TempDir dir;
+  StreamOptions options;
+  options.blocks = 1;
+  options.max_tags = 20000;
+  std::vector<Tag> tags = randomStream(99, options)[0].tags;
+  tags.erase(std::remove_if(tags.begin(), tags.end(),
+                            [last = std::int64_t(-1)](const Tag &t) mutable {
+                              const bool back = t.time < last;
+                              last = std::max(last, t.time);
+                              return back;
+                            }),
+             tags.end());
+  const auto cuts = chronotick::testing::randomCuts(tags.size(), 30, 5);
+  const std::int64_t end = tags.empty() ? 10 : tags.back().time + 10;
+  // The same blocks as the test source makes them, for the model.
+  std::vector<StreamBlock> blocks;
+  std::size_t from = 0;
+  std::int64_t begin = 0;
+  for (std::size_t cut : cuts) {
+    const std::int64_t block_end = cut < tags.size() ? tags[cut].time : end;
+    blocks.push_back(
+        {std::vector<Tag>(tags.begin() + std::ptrdiff_t(from), tags.begin() + std::ptrdiff_t(cut)), begin, block_end});
+    from = cut;
+    begin = block_end;
+  }
+  blocks.push_back({std::vector<Tag>(tags.begin() + std::ptrdiff_t(from), tags.end()), begin, end});
+  {
+    TestTagger tagger;
+    FileWriter writer(&tagger, dir / "cut", {1, 2, -1, 5, 8});
+    tagger.pushCut(tags, cuts, 0, end);
+    tagger.waitUntilDone();
+  }
+  expectSameTags(readRecording({dir / "cut"}), expectedRecording(blocks, {1, 2, -1, 5, 8}));
 }
 
 TEST(FileWriter, PartLayoutAcrossStartStopAndSplit) {
