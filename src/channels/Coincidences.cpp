@@ -2,6 +2,7 @@
 
 #include "channels/ChannelHashMap.h"
 #include "channels/TagQueue.h"
+#include "channels/TagWriter.h"
 
 #include <algorithm>
 #include <set>
@@ -18,15 +19,19 @@ struct Coincidences::State {
   std::vector<std::vector<std::uint32_t>> groups_of_channel;
   std::vector<std::uint64_t> group_masks;
   std::vector<std::vector<std::uint32_t>> group_bits;
+  // groups_of_channel flattened: the groups of bit b are
+  // channel_groups[group_begin[b] .. group_begin[b + 1]).
+  std::vector<std::uint32_t> group_begin;
+  std::vector<std::uint32_t> channel_groups;
   // Coincidence tags not yet due, a min-heap by time.
   std::vector<Tag> pending;
 
   static bool later(const Tag &a, const Tag &b) { return a.time > b.time; }
 
-  void releaseBefore(std::int64_t time, std::vector<Tag> &output) {
+  void releaseBefore(std::int64_t time, TagWriter &output) {
     while (!pending.empty() && timeBefore(pending.front().time, time)) {
       std::pop_heap(pending.begin(), pending.end(), later);
-      output.push_back(pending.back());
+      output.push(pending.back());
       pending.pop_back();
     }
   }
@@ -81,6 +86,11 @@ Coincidences::Coincidences(ChronotickBase *tagger, std::vector<std::vector<std::
     s.group_masks.push_back(mask);
     s.group_bits.push_back(std::move(bits));
   }
+  for (const auto &groups_of_bit : s.groups_of_channel) {
+    s.group_begin.push_back(static_cast<std::uint32_t>(s.channel_groups.size()));
+    s.channel_groups.insert(s.channel_groups.end(), groups_of_bit.begin(), groups_of_bit.end());
+  }
+  s.group_begin.push_back(static_cast<std::uint32_t>(s.channel_groups.size()));
   for (std::size_t g = 0; g < coincidenceGroups.size(); ++g)
     virtual_channels.push_back(getNewVirtualChannel());
   finishInitialization();
@@ -123,25 +133,29 @@ bool Coincidences::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t 
 
 template <CoincidenceTimestamp type> void Coincidences::process(std::vector<Tag> &tags, std::int64_t end_time) {
   State &s = *state;
-  output.clear();
+  TagWriter writer(output);
   const std::int64_t w = window;
   const std::size_t n_channels = s.last_time.size();
   std::int64_t *last = s.last_time.data();
+  const std::uint32_t *group_begin = s.group_begin.data();
+  const std::uint32_t *channel_groups = s.channel_groups.data();
+  const std::uint64_t *group_masks = s.group_masks.data();
+  const std::int32_t *outputs = virtual_channels.data();
 
   for (const Tag &tag : tags) {
     if constexpr (type != CoincidenceTimestamp::Last)
-      s.releaseBefore(tag.time, output);
-    output.push_back(tag);
+      s.releaseBefore(tag.time, writer);
+    writer.push(tag);
     if (tag.type != Tag::Type::TimeTag) {
       // Nothing is detected across a gap in the data.
       for (std::size_t i = 0; i < n_channels; ++i)
         last[i] = -w;
       continue;
     }
-    const std::int32_t *found = s.bit_of_channel.find(tag.channel);
-    if (!found)
+    std::int32_t found = 0;
+    if (!s.bit_of_channel.lookup(tag.channel, found))
       continue;
-    const auto bit = static_cast<std::uint32_t>(*found);
+    const auto bit = static_cast<std::uint32_t>(found);
     const std::int64_t t = tag.time;
     last[bit] = t;
 
@@ -152,15 +166,15 @@ template <CoincidenceTimestamp type> void Coincidences::process(std::vector<Tag>
       mask |= static_cast<std::uint64_t>(distance < w) << i;
     }
 
-    for (std::uint32_t g : s.groups_of_channel[bit]) {
-      const std::uint64_t group_mask = s.group_masks[g];
+    for (std::uint32_t k = group_begin[bit]; k != group_begin[bit + 1]; ++k) {
+      const std::uint32_t g = channel_groups[k];
+      const std::uint64_t group_mask = group_masks[g];
       if ((mask & group_mask) != group_mask)
         continue;
       Tag fired = tag;
-      fired.channel = virtual_channels[g];
+      fired.channel = outputs[g];
       if constexpr (type == CoincidenceTimestamp::Last) {
-        output.push_back(fired);
-        continue;
+        writer.push(fired);
       } else {
         const std::vector<std::uint32_t> &bits = s.group_bits[g];
         if constexpr (type == CoincidenceTimestamp::First) {
@@ -181,7 +195,8 @@ template <CoincidenceTimestamp type> void Coincidences::process(std::vector<Tag>
     }
   }
   if constexpr (type != CoincidenceTimestamp::Last)
-    s.releaseBefore(end_time, output);
+    s.releaseBefore(end_time, writer);
+  writer.finish();
   output.swap(tags);
 }
 
