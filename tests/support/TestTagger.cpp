@@ -15,6 +15,7 @@ TestTagger::TestTagger(int inputs, int scheme_, unsigned workers) : n_inputs(inp
   if (scheme_ != CT_CHANNEL_NUMBER_SCHEME_ZERO && scheme_ != CT_CHANNEL_NUMBER_SCHEME_ONE) {
     throw std::invalid_argument("TestTagger needs the ZERO or the ONE scheme");
   }
+  spare.reserve(64);
   startWorkers(workers);
 }
 
@@ -129,7 +130,9 @@ bool TestTagger::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, s
     ++handed;
   } else {
     Block &block = queue.front();
-    worker.tags.swap(block.tags);
+    // Copied rather than swapped: the worker keeps its vector, as with a real
+    // source, so that vectors swapped by virtual channels keep their sizes.
+    worker.tags.assign(block.tags.begin(), block.tags.end());
     worker.begin_time = block.begin_time;
     worker.end_time = block.end_time;
     if (block.tags.capacity() != 0 && spare.size() < 64) {
