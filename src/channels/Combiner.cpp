@@ -1,5 +1,7 @@
 #include <chronotick/Combiner.h>
 
+#include "channels/TagWriter.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -34,21 +36,22 @@ void Combiner::clear_impl() {
 }
 
 bool Combiner::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t) {
-  output.clear();
+  TagWriter writer(output);
   const std::size_t n = channels.size();
   const std::int32_t *inputs = channels.data();
   std::int64_t *count = counts.data();
   for (const Tag &tag : tags) {
-    output.push_back(tag);
+    writer.push(tag);
+    Tag copy = tag;
+    copy.channel = virtual_channel;
+    // Written every time, kept only on a match: no branch to mispredict.
     for (std::size_t i = 0; i < n; ++i) {
-      if (tag.channel == inputs[i]) {
-        ++count[i];
-        Tag copy = tag;
-        copy.channel = virtual_channel;
-        output.push_back(copy);
-      }
+      const bool match = tag.channel == inputs[i];
+      count[i] += match;
+      writer.pushIf(copy, match);
     }
   }
+  writer.finish();
   output.swap(tags);
   return true;
 }

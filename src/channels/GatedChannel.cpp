@@ -1,5 +1,7 @@
 #include <chronotick/GatedChannel.h>
 
+#include "channels/TagWriter.h"
+
 #include <stdexcept>
 
 namespace chronotick {
@@ -26,28 +28,25 @@ std::int32_t GatedChannel::getChannel() {
 }
 
 bool GatedChannel::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t) {
-  output.clear();
+  TagWriter writer(output);
+  const std::int32_t input = input_channel;
+  const std::int32_t start = gate_start_channel;
+  const std::int32_t stop = gate_stop_channel;
   bool open = gate_open;
   for (const Tag &tag : tags) {
-    output.push_back(tag);
-    if (tag.type != Tag::Type::TimeTag) {
-      // Any mark of lost data closes the gate: its state is unknown from here.
-      open = false;
-      continue;
-    }
-    if (tag.channel == gate_stop_channel) {
-      open = false;
-      continue;
-    }
-    if (tag.channel == gate_start_channel)
-      open = true;
-    if (open && tag.channel == input_channel) {
-      Tag copy = tag;
-      copy.channel = virtual_channel;
-      output.push_back(copy);
-    }
+    writer.push(tag);
+    // Any mark of lost data closes the gate, as does the stop channel, which
+    // is never passed itself; the start channel opens it, and passes if it is
+    // the input too. Start and stop differ, so at most one of them matches.
+    const bool time_tag = tag.type == Tag::Type::TimeTag;
+    const bool is_stop = tag.channel == stop;
+    open = time_tag & !is_stop & (open | (tag.channel == start));
+    Tag copy = tag;
+    copy.channel = virtual_channel;
+    writer.pushIf(copy, open & (tag.channel == input));
   }
   gate_open = open;
+  writer.finish();
   output.swap(tags);
   return true;
 }
