@@ -4,14 +4,13 @@
 #include <chronotick/IteratorBase.h>
 #include <chronotick/Tag.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 namespace chronotick {
 
 class ChronotickBase;
-class TagFifo;
 
 // Plays `pattern` (times relative to the trigger, ps) on a virtual channel
 // for every trigger_divider-th tag of the trigger channel, starting with the
@@ -36,6 +35,8 @@ private:
   bool nextDirect(std::vector<Tag> &tags, std::int64_t end_time);
   bool nextDelayed(std::vector<Tag> &tags, std::int64_t end_time);
   void trigger(std::int64_t time);
+  void dropGenerated();
+  void compactStarts();
   void releaseGenerated();
   void releaseBelow(std::int64_t time);
   void releaseBothBelow(std::int64_t time);
@@ -50,10 +51,28 @@ private:
   bool in_overflow;
   std::vector<std::int64_t> pattern;
   std::vector<Tag> output;
-  std::vector<Tag> heap; // generated tags, min-heap by time
+  // Generated tags: the times of the started patterns, from start number
+  // starts_base on, and for each pattern value the cursor that will give its
+  // next tag, on a min-heap by time; values whose cursor has caught up with
+  // the last start wait in idle_values.
+  struct Cursor {
+    std::int64_t time;
+    std::uint64_t start;
+    std::int64_t value;
+  };
+  std::vector<std::int64_t> starts;
+  std::uint64_t starts_base = 0;
+  std::uint64_t n_starts = 0;
+  std::vector<Cursor> cursors;
+  std::vector<std::int64_t> idle_values;
   bool direct;
   std::int64_t shift;
-  std::unique_ptr<TagFifo> input_queue; // delayed input tags, only if not direct
+  // The delayed input stream from [delayed_head] on, only if not direct, and
+  // the times at which its Error tags leave it.
+  std::vector<Tag> delayed;
+  std::size_t delayed_head = 0;
+  std::vector<std::int64_t> error_dues;
+  std::size_t error_head = 0;
 };
 
 } // namespace chronotick

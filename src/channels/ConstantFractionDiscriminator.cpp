@@ -1,7 +1,7 @@
 #include <chronotick/ChronotickBase.h>
 #include <chronotick/ConstantFractionDiscriminator.h>
 
-#include "channels/TagFifo.h"
+#include "channels/TagTime.h"
 
 #include <algorithm>
 #include <stdexcept>

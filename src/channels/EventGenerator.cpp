@@ -1,7 +1,7 @@
 #include <chronotick/ChronotickBase.h>
 #include <chronotick/EventGenerator.h>
 
-#include "channels/TagFifo.h"
+#include "channels/TagTime.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -10,8 +10,11 @@ namespace chronotick {
 
 namespace {
 
-struct LaterTime {
-  bool operator()(const Tag &a, const Tag &b) const { return tagTimeBefore(b.time, a.time); }
+// Min-heap order of the pattern cursors.
+struct LaterCursor {
+  template <class Cursor> bool operator()(const Cursor &a, const Cursor &b) const {
+    return tagTimeBefore(b.time, a.time);
+  }
 };
 
 } // namespace
@@ -21,8 +24,7 @@ EventGenerator::EventGenerator(ChronotickBase *tagger_, std::int32_t trigger_cha
                                std::uint64_t divider_offset, std::int32_t stop_channel_)
     : IteratorBase(tagger_), trigger_channel(trigger_channel_), stop_channel(stop_channel_),
       divider_top(static_cast<std::int64_t>(trigger_divider - 1)), offset(divider_offset), counter(0),
-      in_overflow(false), pattern(std::move(pattern_)), direct(true), shift(0),
-      input_queue(std::make_unique<TagFifo>()) {
+      in_overflow(false), pattern(std::move(pattern_)), direct(true), shift(0) {
   output_channel = getNewVirtualChannel();
   clear();
   if (divider_top < 0)
@@ -51,9 +53,13 @@ std::int32_t EventGenerator::getChannel() {
 }
 
 void EventGenerator::clear_impl() {
-  heap.clear();
-  if (!direct)
-    input_queue->clear();
+  dropGenerated();
+  if (!direct) {
+    delayed.clear();
+    delayed_head = 0;
+    error_dues.clear();
+    error_head = 0;
+  }
   counter = 0;
 }
 
@@ -61,31 +67,60 @@ void EventGenerator::on_start() {
   clear_impl();
 }
 
+void EventGenerator::dropGenerated() {
+  cursors.clear();
+  idle_values = pattern;
+  starts.clear();
+  starts_base = n_starts;
+}
+
+// Each pattern value has a cursor that walks the started patterns in order,
+// so the generated tags come from a merge of pattern-size sorted sequences:
+// a cursor is idle while it has caught up with the last start.
 void EventGenerator::trigger(std::int64_t time) {
   std::uint64_t c = counter;
   counter = c == static_cast<std::uint64_t>(divider_top) ? 0 : c + 1;
   if (c != offset)
     return;
-  for (std::int64_t value : pattern) {
-    heap.push_back(Tag{Tag::Type::TimeTag, 0, 0, output_channel, tagTimeAdd(time, value)});
-    std::push_heap(heap.begin(), heap.end(), LaterTime());
+  starts.push_back(time);
+  for (std::int64_t value : idle_values) {
+    cursors.push_back(Cursor{tagTimeAdd(time, value), n_starts, value});
+    std::push_heap(cursors.begin(), cursors.end(), LaterCursor());
   }
+  idle_values.clear();
+  ++n_starts;
 }
 
 void EventGenerator::releaseGenerated() {
-  std::pop_heap(heap.begin(), heap.end(), LaterTime());
-  Tag tag = heap.back();
-  heap.pop_back();
+  std::pop_heap(cursors.begin(), cursors.end(), LaterCursor());
+  Cursor &cursor = cursors.back();
+  Tag tag{Tag::Type::TimeTag, 0, 0, output_channel, cursor.time};
   if (in_overflow) {
     tag.type = Tag::Type::MissedEvents;
     tag.missed_events = 1;
   }
   output.push_back(tag);
+  if (++cursor.start < n_starts) {
+    cursor.time = tagTimeAdd(starts[static_cast<std::size_t>(cursor.start - starts_base)], cursor.value);
+    std::push_heap(cursors.begin(), cursors.end(), LaterCursor());
+  } else {
+    idle_values.push_back(cursor.value);
+    cursors.pop_back();
+  }
 }
 
 void EventGenerator::releaseBelow(std::int64_t time) {
-  while (!heap.empty() && tagTimeBefore(heap.front().time, time))
+  while (!cursors.empty() && tagTimeBefore(cursors.front().time, time))
     releaseGenerated();
+}
+
+// Forgets the starts that every cursor has passed.
+void EventGenerator::compactStarts() {
+  std::uint64_t oldest = n_starts;
+  for (const Cursor &cursor : cursors)
+    oldest = std::min(oldest, cursor.start);
+  starts.erase(starts.begin(), starts.begin() + static_cast<std::ptrdiff_t>(oldest - starts_base));
+  starts_base = oldest;
 }
 
 // A tag of the (delayed) stream reaches the output and acts on the state.
@@ -93,7 +128,7 @@ void EventGenerator::passStreamTag(const Tag &tag) {
   output.push_back(tag);
   switch (tag.type) {
   case Tag::Type::Error:
-    heap.clear();
+    dropGenerated();
     break;
   case Tag::Type::OverflowBegin:
     in_overflow = true;
@@ -109,48 +144,76 @@ void EventGenerator::passStreamTag(const Tag &tag) {
 // Merges the delayed stream and the generated tags due before `time`; on
 // equal times the stream goes first.
 void EventGenerator::releaseBothBelow(std::int64_t time) {
-  TagFifo &queue = *input_queue;
+  const Tag *d = delayed.data() + delayed_head;
+  const Tag *const d_end = delayed.data() + delayed.size();
   while (true) {
-    bool from_queue = !queue.empty() && tagTimeBefore(queue.front().time, time);
-    if (!heap.empty() && tagTimeBefore(heap.front().time, time) &&
-        (!from_queue || tagTimeBefore(heap.front().time, queue.front().time))) {
-      releaseGenerated();
-    } else if (from_queue) {
-      Tag tag = queue.front();
-      queue.pop();
-      passStreamTag(tag);
+    const bool generated_due = !cursors.empty() && tagTimeBefore(cursors.front().time, time);
+    const Tag *run = d;
+    if (generated_due) {
+      const std::int64_t next_generated = cursors.front().time;
+      while (d != d_end && !tagTimeBefore(next_generated, d->time) && d->type == Tag::Type::TimeTag)
+        ++d;
     } else {
-      return;
+      while (d != d_end && tagTimeBefore(d->time, time) && d->type == Tag::Type::TimeTag)
+        ++d;
     }
+    output.insert(output.end(), run, d);
+    // A break in the run: it acts on what is waiting, then look again.
+    if (d != d_end && d->type != Tag::Type::TimeTag &&
+        (generated_due ? !tagTimeBefore(cursors.front().time, d->time) : tagTimeBefore(d->time, time))) {
+      if (d->type == Tag::Type::Error)
+        ++error_head;
+      passStreamTag(*d);
+      ++d;
+      continue;
+    }
+    if (!generated_due)
+      break;
+    releaseGenerated();
   }
+  delayed_head = static_cast<std::size_t>(d - delayed.data());
 }
 
 bool EventGenerator::nextDirect(std::vector<Tag> &tags, std::int64_t end_time) {
   for (const Tag &tag : tags) {
     releaseBelow(tag.time);
     if (tag.channel == stop_channel && stop_channel != CHANNEL_UNUSED)
-      heap.clear();
+      dropGenerated();
     passStreamTag(tag);
     if (tag.type == Tag::Type::TimeTag && tag.channel == trigger_channel)
       trigger(tag.time);
   }
   releaseBelow(end_time);
+  compactStarts();
   return true;
 }
 
+// The stream is queued and leaves in bulk when a block ends. It must leave
+// earlier only where what is waiting matters: before a stop tag, and before
+// the first tag that comes after a queued Error has become due.
 bool EventGenerator::nextDelayed(std::vector<Tag> &tags, std::int64_t end_time) {
   for (const Tag &tag : tags) {
-    releaseBothBelow(tag.time);
+    if (error_head != error_dues.size() && tagTimeBefore(error_dues[error_head], tag.time))
+      releaseBothBelow(tag.time);
     // Stop and trigger act on arrival; the pattern is shifted to match.
-    if (tag.channel == stop_channel && stop_channel != CHANNEL_UNUSED)
-      heap.clear();
-    Tag delayed = tag;
-    delayed.time = tagTimeAdd(delayed.time, shift);
-    input_queue->push(delayed);
-    if (tag.type == Tag::Type::TimeTag && tag.channel == trigger_channel)
+    if (tag.channel == stop_channel && stop_channel != CHANNEL_UNUSED) {
+      releaseBothBelow(tag.time);
+      dropGenerated();
+    }
+    delayed.push_back(tag);
+    delayed.back().time = tagTimeAdd(tag.time, shift);
+    if (tag.type == Tag::Type::Error)
+      error_dues.push_back(delayed.back().time);
+    else if (tag.type == Tag::Type::TimeTag && tag.channel == trigger_channel)
       trigger(tag.time);
   }
   releaseBothBelow(end_time);
+  // Keep only what still waits, at the front.
+  delayed.erase(delayed.begin(), delayed.begin() + static_cast<std::ptrdiff_t>(delayed_head));
+  delayed_head = 0;
+  error_dues.erase(error_dues.begin(), error_dues.begin() + static_cast<std::ptrdiff_t>(error_head));
+  error_head = 0;
+  compactStarts();
   return true;
 }
 

@@ -1,7 +1,7 @@
 #include <chronotick/ChronotickBase.h>
 #include <chronotick/FrequencyMultiplier.h>
 
-#include "channels/TagFifo.h"
+#include "channels/TagTime.h"
 
 namespace chronotick {
 

@@ -97,6 +97,7 @@ TEST(EventGenerator, MatchesReferenceOnRandomStreamsWhereverBlocksAreCut) {
       {2, {50, 300}, 3, 1, 4},
       {1, {700, -300, 0, 45}, 2, 1, 3},
       {5, {-50, 120, 2000}, 1, 0, 5},
+      {6, {0, 7, 3000, 25000, -100, 12000}, 1, 0, CHANNEL_UNUSED}, // dozens of patterns at once
   };
   std::uint64_t seed = 300;
   for (const GeneratorSetup &setup : setups) {
