@@ -62,7 +62,6 @@ public:
         ++n;
     return n;
   }
-  bool has(const std::string &text) { return count(text) > 0; }
 
 private:
   static std::mutex &mutex() {
