@@ -166,7 +166,9 @@ runThrough(const std::vector<Tag> &stream, const std::vector<std::size_t> &cuts,
   std::int64_t begin_time = stream.empty() ? 0 : stream.front().time - 1;
   tagger.pushCut(stream, cuts, begin_time, end_time);
   tagger.waitUntilDone();
-  return recorder.blocks();
+  std::vector<OutputRecorder::Block> blocks = recorder.blocks();
+  EXPECT_EQ(blocks.size(), cuts.size() + 1) << "every pushed block reaches the recorder";
+  return blocks;
 }
 
 inline std::vector<Tag> joined(const std::vector<OutputRecorder::Block> &blocks) {
