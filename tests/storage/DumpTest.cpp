@@ -16,7 +16,8 @@ std::vector<Tag> dumped(const std::string &name) {
   const std::string bytes = readFile(name);
   EXPECT_EQ(bytes.size() % sizeof(Tag), 0u);
   std::vector<Tag> tags(bytes.size() / sizeof(Tag));
-  std::memcpy(tags.data(), bytes.data(), bytes.size());
+  if (!bytes.empty())
+    std::memcpy(tags.data(), bytes.data(), bytes.size());
   return tags;
 }
 std::vector<Tag> block(std::int64_t from) {
