@@ -5,12 +5,14 @@
 #include "support/TestTagger.h"
 
 #include <chronotick/FileWriter.h>
+#include <chronotick/Logging.h>
 #include <chronotick/TimeTagStream.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <stdexcept>
@@ -82,6 +84,11 @@ std::vector<Block> randomBlocks(std::uint64_t seed, int n_blocks) {
 }
 
 void record(const std::vector<Block> &blocks, const std::string &path, std::int64_t max_file_size = 0x40000000) {
+  // Parts left from an earlier run would be taken for another recording's.
+  const std::filesystem::path base(path);
+  for (const auto &entry : std::filesystem::directory_iterator(base.parent_path()))
+    if (entry.path().filename().string().rfind(base.filename().string() + ".", 0) == 0)
+      std::filesystem::remove(entry.path());
   testing::TestTagger source(8, CT_CHANNEL_NUMBER_SCHEME_ONE, 2);
   FileWriter writer(&source, path, RECORDED);
   writer.setMaxFileSize(max_file_size);
@@ -132,6 +139,11 @@ std::vector<Tag> shifted(const std::vector<Block> &blocks, std::int64_t at, std:
 
 Tag errorAt(std::int64_t time) {
   return Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, time};
+}
+
+std::vector<std::string> logged;
+void keepLog(LogLevel, std::string message) {
+  logged.push_back(std::move(message));
 }
 
 TEST(Replay, RefusesBadFilesAndSpeeds) {
@@ -254,6 +266,11 @@ TEST(Replay, ErrorAtAGapAndEmulationOnReplayedTags) {
   blocks[1] = {{Tag{Tag::Type::TimeTag, 0, 0, 1, 5100}, Tag{Tag::Type::TimeTag, 0, 0, 3, 5400}}, 5000, 6000};
   const std::string path = dataPath("gap");
   record(blocks, path);
+  // A part of another recording under the next name is not played.
+  record({blocks[1]}, dataPath("foreign"));
+  std::filesystem::copy_file(dataPath("foreign.1.ctbin"), path + ".2.ctbin");
+  logged.clear();
+  logger_callback previous = setLogger(keepLog);
 
   ChronotickVirtualImpl tagger;
   tagger.setInputDelay(2, 50);
@@ -267,6 +284,12 @@ TEST(Replay, ErrorAtAGapAndEmulationOnReplayedTags) {
   expectTags(take(stream), {Tag{Tag::Type::TimeTag, 0, 0, 1, 100}, Tag{Tag::Type::TimeTag, 0, 0, 2, 950}, errorAt(1000),
                             Tag{Tag::Type::TimeTag, 0, 0, 1, 1100}, Tag{Tag::Type::TimeTag, 0, 0, 3, 1400}});
   EXPECT_EQ(tagger.getOverflows(), 1);
+  setLogger(previous);
+  ASSERT_EQ(logged.size(), 1u);
+  EXPECT_NE(logged[0].find("File '" + path +
+                           ".2.ctbin' matches the naming schema, but was not written in the same FileWriter. Skipped."),
+            std::string::npos)
+      << logged[0];
 }
 
 TEST(Replay, ChannelServices) {
