@@ -67,6 +67,7 @@ TEST(FrequencyMultiplier, MatchesReferenceOnRandomStreamsWhereverBlocksAreCut) {
     options.channels = {3, 3, 3, 1, 2, 4, -3};
     options.n_tags = 5000;
     options.mean_gap = 200;
+    options.start = 1; // so that a period taken from time 0 would show
     options.equal_time_probability = 0.05;
     std::vector<Tag> stream = vcheck::randomStream(options, ++seed);
     std::int64_t end = stream.back().time + 300;
