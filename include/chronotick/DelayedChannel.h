@@ -34,6 +34,9 @@ protected:
 private:
   struct Pending; // the queue and the channel map
   template <bool positive_delay, bool linear_lookup> void process(std::vector<Tag> &tags, std::int64_t end_time);
+  // The usual case of a negative delay, without queueing the block's tags one
+  // by one; false if a change of delay left the queue out of step with them.
+  template <bool linear_lookup> bool holdBack(std::vector<Tag> &tags, std::int64_t end_time);
 
   std::vector<Tag> output;
   std::unique_ptr<Pending> pending;

@@ -5,6 +5,7 @@
 #include "channels/TagWriter.h"
 
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -15,6 +16,28 @@ struct DelayedChannel::Pending {
   // Input to output, for lookups with more than three inputs.
   ChannelHashMap output_of_input;
 };
+
+namespace {
+
+// Output channel of an input; the result says whether `channel` is one. A
+// short linear scan for up to three inputs, one probe of the map above.
+template <bool linear_lookup>
+inline bool outputOf(const std::int32_t *in, const std::int32_t *out, std::size_t n, const ChannelHashMap &map,
+                     std::int32_t channel, std::int32_t &output_channel) {
+  if constexpr (linear_lookup) {
+    bool hit = false;
+    for (std::size_t i = 0; i < n; ++i) {
+      const bool match = in[i] == channel;
+      output_channel = match ? out[i] : output_channel;
+      hit |= match;
+    }
+    return hit;
+  } else {
+    return map.lookup(channel, output_channel);
+  }
+}
+
+} // namespace
 
 DelayedChannel::DelayedChannel(ChronotickBase *tagger, std::int32_t input_channel, std::int64_t delay_)
     : IteratorBase(tagger), pending(std::make_unique<Pending>()), delay(delay_), positive(delay_ >= 0) {
@@ -89,10 +112,13 @@ bool DelayedChannel::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_
     else
       process<true, false>(tags, end_time);
   } else {
-    if (linear)
-      process<false, true>(tags, end_time);
-    else
-      process<false, false>(tags, end_time);
+    if (linear) {
+      if (!holdBack<true>(tags, end_time))
+        process<false, true>(tags, end_time);
+    } else {
+      if (!holdBack<false>(tags, end_time))
+        process<false, false>(tags, end_time);
+    }
   }
   return true;
 }
@@ -144,19 +170,8 @@ void DelayedChannel::process(std::vector<Tag> &tags, std::int64_t end_time) {
     count += take;
   };
 
-  // Output channel of an input; `hit` says whether the channel is one.
   auto lookup = [&](std::int32_t channel, std::int32_t &output_channel) {
-    if constexpr (linear_lookup) {
-      bool hit = false;
-      for (std::size_t i = 0; i < n; ++i) {
-        const bool match = in[i] == channel;
-        output_channel = match ? out[i] : output_channel;
-        hit |= match;
-      }
-      return hit;
-    } else {
-      return map.lookup(channel, output_channel);
-    }
+    return outputOf<linear_lookup>(in, out, n, map, channel, output_channel);
   };
   auto isCopy = [&](const Tag &tag) { return std::find(out, out + n, tag.channel) != out + n; };
 
@@ -237,6 +252,105 @@ void DelayedChannel::process(std::vector<Tag> &tags, std::int64_t end_time) {
   if (holds_stream_tags && count == 0)
     holds_stream_tags = false;
   output.swap(tags);
+}
+
+template <bool linear_lookup> bool DelayedChannel::holdBack(std::vector<Tag> &tags, std::int64_t end_time) {
+  TagQueue &queue = pending->queue;
+  const std::int64_t shift = -delay;
+  // The held-back stream is the queue followed by this block shifted by the
+  // delay, provided the queue ends no later than the block's first tag does.
+  if (tags.empty() || (queue.count != 0 && timeBefore(timePlus(tags.front().time, shift), queue.back().time)))
+    return false;
+
+  const ChannelHashMap &map = pending->output_of_input;
+  const std::int32_t *in = inputs.data();
+  const std::int32_t *out = outputs.data();
+  const std::size_t n = inputs.size();
+  bool overflow = in_overflow;
+  TagWriter writer(output);
+
+  auto emit = [&](Tag tag) {
+    overflow = (tag.type == Tag::Type::OverflowBegin) | (overflow & (tag.type != Tag::Type::OverflowEnd));
+    writer.push(tag);
+  };
+  const Tag *block = tags.data();
+  const std::size_t size = tags.size();
+  std::size_t held = 0; // block tags before this one are held back
+  auto release = [&](std::int64_t time, std::size_t limit) {
+    while (!queue.empty() && timeBefore(queue.front().time, time)) {
+      emit(queue.front());
+      queue.pop_front();
+    }
+    if (!queue.empty())
+      return;
+    while (held < limit && timeBefore(timePlus(block[held].time, shift), time)) {
+      Tag tag = block[held++];
+      tag.time = timePlus(tag.time, shift);
+      emit(tag);
+    }
+  };
+
+  auto copyOf = [&](const Tag &tag, bool &hit) {
+    std::int32_t output_channel = 0;
+    hit = outputOf<linear_lookup>(in, out, n, map, tag.channel, output_channel) & (tag.type == Tag::Type::TimeTag);
+    Tag copy = tag;
+    copy.channel = output_channel;
+    copy.type = overflow ? Tag::Type::MissedEvents : copy.type;
+    copy.missed_events = overflow ? std::uint16_t{1} : copy.missed_events;
+    return copy;
+  };
+
+  // While tags of earlier blocks are queued, tag by tag.
+  std::size_t i = 0;
+  for (; i < size && !queue.empty(); ++i) {
+    release(block[i].time, i);
+    bool hit;
+    const Tag copy = copyOf(block[i], hit);
+    writer.pushIf(copy, hit);
+  }
+  // Then a merge of the held-back block (block[held..], shifted) with the
+  // copies (block[i..]), one output per step and no branch on the data, which
+  // is random. The held-back side can't overtake: block[j] shifted is later
+  // than block[i] for every j >= i.
+  while (i < size) {
+    const Tag &next = block[i];
+    const Tag &back = block[held];
+    const std::int64_t back_time = timePlus(back.time, shift);
+    const bool take_back = timeBefore(back_time, next.time);
+    bool hit;
+    const Tag copy = copyOf(next, hit);
+    // Select by mask on the record's two words; the compiler would branch on
+    // a conditional, and that branch would mispredict half of the time.
+    std::uint64_t back_head, copy_head;
+    std::memcpy(&back_head, &back, 8);
+    std::memcpy(&copy_head, &copy, 8);
+    const std::uint64_t pick = 0 - static_cast<std::uint64_t>(take_back);
+    const std::uint64_t head = (back_head & pick) | (copy_head & ~pick);
+    const std::uint64_t time =
+        (static_cast<std::uint64_t>(back_time) & pick) | (static_cast<std::uint64_t>(copy.time) & ~pick);
+    Tag chosen;
+    std::memcpy(&chosen, &head, 8);
+    chosen.time = static_cast<std::int64_t>(time);
+    writer.pushIf(chosen, take_back | hit);
+    const unsigned begins = back.type == Tag::Type::OverflowBegin;
+    const unsigned ends = back.type == Tag::Type::OverflowEnd;
+    const unsigned taken = take_back;
+    overflow =
+        ((taken & (begins | (static_cast<unsigned>(overflow) & ~ends))) | (~taken & static_cast<unsigned>(overflow))) &
+        1U;
+    held += taken;
+    i += 1 - taken;
+  }
+  release(end_time, size);
+  for (; held < size; ++held) {
+    Tag tag = block[held];
+    tag.time = timePlus(tag.time, shift);
+    queue.push(tag);
+  }
+  writer.finish();
+  in_overflow = overflow;
+  output.swap(tags);
+  return true;
 }
 
 } // namespace chronotick
