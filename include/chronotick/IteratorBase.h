@@ -59,6 +59,10 @@ protected:
   // The iterator's mutex, already locked. Accessors of results use it.
   std::unique_lock<std::mutex> getLock();
 
+  // For next_impl, which holds the iterator's mutex: the measurement ends its
+  // own run here (running becomes false and on_stop runs).
+  void stopWithinNext();
+
   // Opens the next ordered stage of this next_impl call (see OrderedBarrier).
   OrderedBarrier::OrderInstance parallelize(OrderedPipeline &pipeline);
 

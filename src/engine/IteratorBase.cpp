@@ -220,12 +220,22 @@ void IteratorBase::pre_stop() {
   slot->iterator_mutex.lock();
 }
 
+void IteratorBase::stopWithinNext() {
+  if (running) {
+    running = false;
+    on_stop();
+  }
+}
+
 void IteratorBase::clearWithoutLock() {
   capture_duration = 0;
   clear_impl();
 }
 
 void IteratorBase::stopAfterException() {
+  if (!running) {
+    return; // next_impl ended the run itself before it threw
+  }
   running = false;
   try {
     pre_stop();
@@ -286,6 +296,9 @@ void IteratorBase::next(std::unique_lock<std::mutex> &lock, std::vector<Tag> &ta
     // Later iterators see the changed first part and the untouched rest.
     cut_tags.insert(cut_tags.end(), first_after, tags.end());
     tags.swap(cut_tags);
+  }
+  if (!running) {
+    return; // next_impl already ended the run itself
   }
   running = false;
   try {

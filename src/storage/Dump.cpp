@@ -63,9 +63,7 @@ bool Dump::next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64
     output_stream.write(reinterpret_cast<const char *>(taken->data()), std::streamsize(n * sizeof(Tag)));
   count += n;
   if (max_tags >= 0 && count >= std::uint64_t(max_tags)) {
-    // The base class keeps its running flag to itself; with the file closed
-    // nothing more is written, and the next stop and start open it anew.
-    on_stop();
+    stopWithinNext(); // closes the file; the measurement stops itself
   }
   return false;
 }

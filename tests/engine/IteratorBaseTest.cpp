@@ -273,3 +273,29 @@ TEST(IteratorBase, DestructorOfARunningIteratorLogs) {
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("Iterator still running, please call stop() within the destructor"), std::string::npos);
 }
+
+TEST(IteratorBase, AMeasurementCanEndItsOwnRun) {
+  struct OneShot : chronotick::IteratorBase {
+    explicit OneShot(chronotick::ChronotickBase *t) : IteratorBase(t) { finishInitialization(); }
+    ~OneShot() override { stop(); }
+    int blocks = 0;
+    int stops = 0;
+    bool next_impl(std::vector<Tag> &, std::int64_t, std::int64_t) override {
+      ++blocks;
+      stopWithinNext();
+      return false;
+    }
+    void on_stop() override { ++stops; }
+  };
+  TestTagger tagger;
+  OneShot plain(&tagger);
+  OneShot cut(&tagger);
+  cut.startFor(5);
+  tagger.pushAndWait({tag(1, 1)}, 0, 10);
+  tagger.pushAndWait({tag(1, 11)}, 10, 20);
+  for (OneShot *m : {&plain, &cut}) {
+    EXPECT_FALSE(m->isRunning());
+    EXPECT_EQ(m->blocks, 1);
+    EXPECT_EQ(m->stops, 1) << "on_stop runs once, also when the block was cut";
+  }
+}

@@ -43,6 +43,10 @@ TEST(Dump, WritesRawRecords) {
               4);
     tagger.pushAndWait(block(0), 0, 10);
     tagger.pushAndWait(block(10), 10, 20);
+    // Reaching the maximum stops the measurement by itself.
+    EXPECT_FALSE(limited.isRunning());
+    EXPECT_FALSE(none.isRunning());
+    EXPECT_TRUE(all.isRunning());
     all.stop();
     limited.stop();
     none.stop();
