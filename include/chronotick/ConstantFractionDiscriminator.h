@@ -29,17 +29,22 @@ protected:
   bool next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) override;
 
 private:
-  struct Edge {
-    bool leading = false;  // a channel that the client named
-    bool valid = false;    // time holds a leading edge not yet used
-    std::int64_t time = 0; // last leading edge
-    bool trailing = false; // the inverted channel of a named channel
-    std::int32_t partner = -1;
+  // The state of one pair of edges: the last leading edge not yet used.
+  // Two sinks come first, for channels that lead or trail no pair: [0]
+  // takes any leading edge and is never read, [1] is never valid.
+  struct Pair {
+    std::int64_t time = 0;
+    bool valid = false;
     std::int32_t output_channel = CHANNEL_UNUSED;
   };
+  // What a tag on a channel does: the pair it leads and the pair it trails.
+  struct Route {
+    std::int32_t leads = 0;
+    std::int32_t trails = 1;
+  };
 
-  std::int32_t findOrAddEdge(std::int32_t channel);
-  std::int32_t edgeOf(std::int32_t channel) const;
+  std::size_t findOrAddRoute(std::int32_t channel);
+  Route routeOf(std::int32_t channel) const;
   void buildLookup();
   void addCentre(const Tag &centre);
   void releaseBelow(std::int64_t time);
@@ -47,12 +52,14 @@ private:
   std::int64_t search_window;
   std::int64_t delay;
   std::vector<std::int32_t> output_channels;
-  std::vector<Edge> edges;
-  std::vector<std::int32_t> edge_channels;
-  // Edge index by channel - lookup_base, -1 for none; empty if the channels
-  // spread too far, then edge_channels is searched instead.
-  std::vector<std::int32_t> lookup;
+  std::vector<Pair> pairs;
+  std::vector<std::int32_t> route_channels;
+  std::vector<Route> routes;
+  // Route by channel - lookup_base; empty if the channels spread too far,
+  // then route_channels is searched instead.
+  std::vector<Route> lookup;
   std::int64_t lookup_base = 0;
+  std::vector<Tag> fresh_centres; // scratch for one stretch of the block
   std::vector<Tag> output;
   // Tags waiting for their time from [head] on, each vector in time order:
   // the delayed stream, and the centres (by time, then channel).

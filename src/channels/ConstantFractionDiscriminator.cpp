@@ -30,22 +30,23 @@ ConstantFractionDiscriminator::ConstantFractionDiscriminator(ChronotickBase *tag
   if (search_window < 1)
     throw std::invalid_argument("search_window must be at least 1 ps");
 
+  pairs.resize(2);
   for (std::int32_t c : channels) {
     std::int32_t inverted = tagger->getInvertedChannel(c);
     if (tagger->isUnusedChannel(inverted))
       throw std::invalid_argument("Channel number " + std::to_string(c) + " has no inverted edge required for the CFD");
-    std::int32_t lead = findOrAddEdge(c);
-    std::int32_t trail = findOrAddEdge(inverted);
-    if (edges[trail].trailing) {
+    std::size_t lead = findOrAddRoute(c);
+    std::size_t trail = findOrAddRoute(inverted);
+    if (routes[trail].trails != 1) {
       // Naming a channel twice hands out its virtual channel twice.
-      output_channels.push_back(edges[trail].output_channel);
+      output_channels.push_back(pairs[static_cast<std::size_t>(routes[trail].trails)].output_channel);
       continue;
     }
-    edges[lead].leading = true;
-    edges[trail].trailing = true;
-    edges[trail].partner = lead;
-    edges[trail].output_channel = getNewVirtualChannel();
-    output_channels.push_back(edges[trail].output_channel);
+    std::int32_t pair = static_cast<std::int32_t>(pairs.size());
+    pairs.push_back(Pair{0, false, getNewVirtualChannel()});
+    routes[lead].leads = pair;
+    routes[trail].trails = pair;
+    output_channels.push_back(pairs.back().output_channel);
     registerChannel(c);
     registerChannel(inverted);
   }
@@ -61,43 +62,43 @@ std::vector<std::int32_t> ConstantFractionDiscriminator::getChannels() {
   return output_channels;
 }
 
-std::int32_t ConstantFractionDiscriminator::findOrAddEdge(std::int32_t channel) {
-  auto it = std::find(edge_channels.begin(), edge_channels.end(), channel);
-  if (it != edge_channels.end())
-    return static_cast<std::int32_t>(it - edge_channels.begin());
-  edge_channels.push_back(channel);
-  edges.emplace_back();
-  return static_cast<std::int32_t>(edges.size() - 1);
+std::size_t ConstantFractionDiscriminator::findOrAddRoute(std::int32_t channel) {
+  auto it = std::find(route_channels.begin(), route_channels.end(), channel);
+  if (it != route_channels.end())
+    return static_cast<std::size_t>(it - route_channels.begin());
+  route_channels.push_back(channel);
+  routes.emplace_back();
+  return routes.size() - 1;
 }
 
 void ConstantFractionDiscriminator::buildLookup() {
   lookup.clear();
-  if (edge_channels.empty())
+  if (route_channels.empty())
     return;
-  auto [lo, hi] = std::minmax_element(edge_channels.begin(), edge_channels.end());
+  auto [lo, hi] = std::minmax_element(route_channels.begin(), route_channels.end());
   std::int64_t span = std::int64_t(*hi) - std::int64_t(*lo) + 1;
   if (span > max_lookup_span)
     return;
   lookup_base = *lo;
-  lookup.assign(static_cast<std::size_t>(span), -1);
-  for (std::size_t i = 0; i < edge_channels.size(); ++i)
-    lookup[static_cast<std::size_t>(edge_channels[i] - lookup_base)] = static_cast<std::int32_t>(i);
+  lookup.assign(static_cast<std::size_t>(span), Route{});
+  for (std::size_t i = 0; i < route_channels.size(); ++i)
+    lookup[static_cast<std::size_t>(route_channels[i] - lookup_base)] = routes[i];
 }
 
-std::int32_t ConstantFractionDiscriminator::edgeOf(std::int32_t channel) const {
+ConstantFractionDiscriminator::Route ConstantFractionDiscriminator::routeOf(std::int32_t channel) const {
   if (!lookup.empty()) {
     std::uint64_t index = static_cast<std::uint64_t>(std::int64_t(channel) - lookup_base);
-    return index < lookup.size() ? lookup[index] : -1;
+    return index < lookup.size() ? lookup[index] : Route{};
   }
-  for (std::size_t i = 0; i < edge_channels.size(); ++i)
-    if (edge_channels[i] == channel)
-      return static_cast<std::int32_t>(i);
-  return -1;
+  for (std::size_t i = 0; i < route_channels.size(); ++i)
+    if (route_channels[i] == channel)
+      return routes[i];
+  return Route{};
 }
 
 void ConstantFractionDiscriminator::on_start() {
-  for (Edge &edge : edges)
-    edge.valid = false;
+  for (Pair &pair : pairs)
+    pair.valid = false;
   delayed.clear();
   delayed_head = 0;
   centres.clear();
@@ -153,28 +154,30 @@ bool ConstantFractionDiscriminator::next_impl(std::vector<Tag> &tags, std::int64
   std::size_t i = 0;
   while (true) {
     // A stretch of time tags: pair the edges and queue everything delayed.
+    // Every tag goes through the same steps, with the sinks standing in for
+    // roles that its channel doesn't have, so that nothing depends on
+    // branches that random channels would make unpredictable.
+    if (fresh_centres.size() < n)
+      fresh_centres.resize(n);
+    Tag *fresh = fresh_centres.data();
+    Pair *pair = pairs.data();
     for (; i < n && tags[i].type == Tag::Type::TimeTag; ++i) {
       const Tag &tag = tags[i];
-      std::int32_t index = edgeOf(tag.channel);
-      if (index >= 0) {
-        Edge &edge = edges[static_cast<std::size_t>(index)];
-        if (edge.leading) {
-          edge.time = tag.time;
-          edge.valid = true;
-        }
-        if (edge.trailing) {
-          Edge &lead = edges[static_cast<std::size_t>(edge.partner)];
-          if (lead.valid) {
-            lead.valid = false;
-            std::int64_t width = tag.time - lead.time;
-            if (width < search_window)
-              addCentre(Tag{Tag::Type::TimeTag, 0, 0, edge.output_channel, tagTimeAdd(tag.time, delay - width / 2)});
-          }
-        }
-      }
+      const Route route = routeOf(tag.channel);
+      Pair &lead = pair[route.leads];
+      lead.time = tag.time;
+      lead.valid = true;
+      Pair &trail = pair[route.trails];
+      const std::int64_t width = tag.time - trail.time;
+      const bool centre = trail.valid & (width < search_window);
+      trail.valid = false;
+      *fresh = Tag{Tag::Type::TimeTag, 0, 0, trail.output_channel, tagTimeAdd(tag.time, delay - width / 2)};
+      fresh += centre;
       delayed.push_back(tag);
       delayed.back().time = tagTimeAdd(tag.time, delay);
     }
+    for (const Tag *c = fresh_centres.data(); c != fresh; ++c)
+      addCentre(*c);
     if (i == n)
       break;
     // A break: what is due before it leaves, what would come after it can't
