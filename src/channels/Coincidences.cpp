@@ -26,11 +26,14 @@ struct Coincidences::State {
   // Coincidence tags not yet due, a min-heap by time.
   std::vector<Tag> pending;
 
-  static bool later(const Tag &a, const Tag &b) { return a.time > b.time; }
+  // A function object rather than a function, so that the heap inlines it.
+  struct Later {
+    bool operator()(const Tag &a, const Tag &b) const { return a.time > b.time; }
+  };
 
   void releaseBefore(std::int64_t time, TagWriter &output) {
     while (!pending.empty() && timeBefore(pending.front().time, time)) {
-      std::pop_heap(pending.begin(), pending.end(), later);
+      std::pop_heap(pending.begin(), pending.end(), Later{});
       output.push(pending.back());
       pending.pop_back();
     }
@@ -38,9 +41,30 @@ struct Coincidences::State {
 
   void hold(const Tag &tag) {
     pending.push_back(tag);
-    std::push_heap(pending.begin(), pending.end(), later);
+    std::push_heap(pending.begin(), pending.end(), Later{});
   }
 };
+
+namespace {
+
+// sum / n, truncated toward zero; small group sizes get a division by a
+// constant, which compiles to a multiplication.
+inline std::int64_t averageOffset(std::int64_t sum, std::size_t n) {
+  switch (n) {
+  case 1:
+    return sum;
+  case 2:
+    return sum / 2;
+  case 3:
+    return sum / 3;
+  case 4:
+    return sum / 4;
+  default:
+    return sum / static_cast<std::int64_t>(n);
+  }
+}
+
+} // namespace
 
 Coincidences::Coincidences(ChronotickBase *tagger, std::vector<std::vector<std::int32_t>> coincidenceGroups,
                            std::int64_t coincidenceWindow, CoincidenceTimestamp timestamp)
@@ -169,13 +193,15 @@ template <CoincidenceTimestamp type> void Coincidences::process(std::vector<Tag>
     for (std::uint32_t k = group_begin[bit]; k != group_begin[bit + 1]; ++k) {
       const std::uint32_t g = channel_groups[k];
       const std::uint64_t group_mask = group_masks[g];
-      if ((mask & group_mask) != group_mask)
-        continue;
+      const bool fires = (mask & group_mask) == group_mask;
       Tag fired = tag;
       fired.channel = outputs[g];
       if constexpr (type == CoincidenceTimestamp::Last) {
-        writer.push(fired);
+        // Whether a group fires is random: written always, kept if it fires.
+        writer.pushIf(fired, fires);
       } else {
+        if (!fires)
+          continue;
         const std::vector<std::uint32_t> &bits = s.group_bits[g];
         if constexpr (type == CoincidenceTimestamp::First) {
           std::int64_t earliest = last[bits.front()] - t;
@@ -186,7 +212,7 @@ template <CoincidenceTimestamp type> void Coincidences::process(std::vector<Tag>
           std::int64_t sum = 0;
           for (std::uint32_t b : bits)
             sum += last[b] - t;
-          fired.time = t + sum / static_cast<std::int64_t>(bits.size()) + w;
+          fired.time = t + averageOffset(sum, bits.size()) + w;
         } else {
           fired.time = last[bits.front()] + w;
         }
