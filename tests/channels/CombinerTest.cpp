@@ -151,15 +151,10 @@ TEST(GatedChannel, MatchesReferenceOnRandomStreamsWhateverTheCuts) {
 }
 
 TEST(GatedChannel, GateRules) {
-  EXPECT_THROW(
-      {
-        TestTagger tagger;
-        GatedChannel bad(&tagger, 1, 2, 2);
-      },
-      std::runtime_error);
   try {
     TestTagger tagger;
     GatedChannel bad(&tagger, 1, 2, 2);
+    ADD_FAILURE() << "no error";
   } catch (const std::runtime_error &e) {
     EXPECT_STREQ(e.what(), "Gate start and stop channel must not be the same.");
   }
