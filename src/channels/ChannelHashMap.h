@@ -59,6 +59,18 @@ public:
     }
   }
 
+  // The value of `channel`, or `absent` if it isn't in the map; without a
+  // branch on the answer when every channel sits in its home slot.
+  std::int32_t valueOr(std::int32_t channel, std::int32_t absent) const {
+    if (!direct) {
+      std::int32_t value = absent;
+      return lookup(channel, value) ? value : absent;
+    }
+    const Slot &slot = slots[hash(channel) & (slots.size() - 1)];
+    const std::int32_t keep = -static_cast<std::int32_t>(slot.used & (slot.key == channel));
+    return (slot.value & keep) | (absent & ~keep);
+  }
+
   // The value of `channel`, or nullptr if it isn't in the map.
   const std::int32_t *find(std::int32_t channel) const {
     for (const Entry &entry : entries)

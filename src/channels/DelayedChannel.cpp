@@ -15,6 +15,9 @@ struct DelayedChannel::Pending {
   TagQueue queue;
   // Input to output, for lookups with more than three inputs.
   ChannelHashMap output_of_input;
+  // Per tag of a block, its output channel or CHANNEL_UNUSED: the hashed
+  // lookups done ahead, off the dependency chain of the merge.
+  std::vector<std::int32_t> copy_channels;
 };
 
 namespace {
@@ -33,7 +36,8 @@ inline bool outputOf(const std::int32_t *in, const std::int32_t *out, std::size_
     }
     return hit;
   } else {
-    return map.lookup(channel, output_channel);
+    output_channel = map.valueOr(channel, CHANNEL_UNUSED);
+    return output_channel != CHANNEL_UNUSED;
   }
 }
 
@@ -290,9 +294,25 @@ template <bool linear_lookup> bool DelayedChannel::holdBack(std::vector<Tag> &ta
     }
   };
 
-  auto copyOf = [&](const Tag &tag, bool &hit) {
+  const std::int32_t *looked_up = nullptr;
+  if constexpr (!linear_lookup) {
+    std::vector<std::int32_t> &channels = pending->copy_channels;
+    if (channels.size() < size)
+      channels.resize(size);
+    for (std::size_t k = 0; k < size; ++k)
+      channels[k] = map.valueOr(block[k].channel, CHANNEL_UNUSED);
+    looked_up = channels.data();
+  }
+  auto copyOf = [&](std::size_t k, bool &hit) {
+    const Tag &tag = block[k];
     std::int32_t output_channel = 0;
-    hit = outputOf<linear_lookup>(in, out, n, map, tag.channel, output_channel) & (tag.type == Tag::Type::TimeTag);
+    if constexpr (linear_lookup) {
+      hit = outputOf<true>(in, out, n, map, tag.channel, output_channel);
+    } else {
+      output_channel = looked_up[k];
+      hit = output_channel != CHANNEL_UNUSED;
+    }
+    hit &= tag.type == Tag::Type::TimeTag;
     Tag copy = tag;
     copy.channel = output_channel;
     copy.type = overflow ? Tag::Type::MissedEvents : copy.type;
@@ -305,7 +325,7 @@ template <bool linear_lookup> bool DelayedChannel::holdBack(std::vector<Tag> &ta
   for (; i < size && !queue.empty(); ++i) {
     release(block[i].time, i);
     bool hit;
-    const Tag copy = copyOf(block[i], hit);
+    const Tag copy = copyOf(i, hit);
     writer.pushIf(copy, hit);
   }
   // Then a merge of the held-back block (block[held..], shifted) with the
@@ -318,7 +338,7 @@ template <bool linear_lookup> bool DelayedChannel::holdBack(std::vector<Tag> &ta
     const std::int64_t back_time = timePlus(back.time, shift);
     const bool take_back = timeBefore(back_time, next.time);
     bool hit;
-    const Tag copy = copyOf(next, hit);
+    const Tag copy = copyOf(i, hit);
     // Select by mask on the record's two words; the compiler would branch on
     // a conditional, and that branch would mispredict half of the time.
     std::uint64_t back_head, copy_head;
