@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -31,19 +32,30 @@ std::int32_t outputOf(const std::vector<std::int32_t> &inputs, const std::vector
 // Positive delay: the copies merge into the stream by time, behind stream
 // tags of the same time. A copy is lost to an Error that comes between its
 // source and its release, or when it falls due during an overflow.
+// With a change of delay at tag `change`, sources from there on have
+// `later_delay`; a smaller one drops the copies still waiting at the change.
+struct DelayPlan {
+  std::int64_t delay;
+  std::size_t change = SIZE_MAX;
+  std::int64_t later_delay = 0;
+  std::int64_t delayOf(std::size_t source) const { return source < change ? delay : later_delay; }
+};
+
 std::vector<Tag> referencePositive(const std::vector<Tag> &stream, const std::vector<std::int32_t> &inputs,
-                                   const std::vector<std::int32_t> &outputs, std::int64_t delay,
+                                   const std::vector<std::int32_t> &outputs, const DelayPlan &plan,
                                    std::int64_t end_time) {
   std::vector<Item> items;
   for (std::size_t i = 0; i < stream.size(); ++i) {
     items.push_back({stream[i], false, i});
     const std::int32_t out = outputOf(inputs, outputs, stream[i].channel);
     if (stream[i].type == Tag::Type::TimeTag && out != CHANNEL_UNUSED)
-      items.push_back({makeTag(out, stream[i].time + delay), true, i});
+      items.push_back({makeTag(out, stream[i].time + plan.delayOf(i)), true, i});
   }
   std::stable_sort(items.begin(), items.end(), [](const Item &a, const Item &b) {
     return a.tag.time != b.tag.time ? a.tag.time < b.tag.time : (!a.copy && b.copy);
   });
+  const bool shrinks = plan.change < stream.size() && plan.later_delay < plan.delay;
+  const std::int64_t change_time = shrinks ? stream[plan.change].time : 0;
   std::vector<Tag> out;
   bool overflow = false;
   std::size_t last_error = 0;
@@ -61,7 +73,8 @@ std::vector<Tag> referencePositive(const std::vector<Tag> &stream, const std::ve
       }
       continue;
     }
-    const bool cleared = any_error && item.source < last_error;
+    const bool cleared = (any_error && item.source < last_error) ||
+                         (shrinks && item.source < plan.change && item.tag.time >= change_time);
     if (!cleared && !overflow && item.tag.time < end_time)
       out.push_back(item.tag);
   }
@@ -72,12 +85,12 @@ std::vector<Tag> referencePositive(const std::vector<Tag> &stream, const std::ve
 // where their sources were, ahead of held-back tags of the same time. A copy
 // made while the held-back stream is inside an overflow is a MissedEvents.
 std::vector<Tag> referenceNegative(const std::vector<Tag> &stream, const std::vector<std::int32_t> &inputs,
-                                   const std::vector<std::int32_t> &outputs, std::int64_t delay,
+                                   const std::vector<std::int32_t> &outputs, const DelayPlan &plan,
                                    std::int64_t end_time) {
   std::vector<Item> items;
   for (std::size_t i = 0; i < stream.size(); ++i) {
     Tag held = stream[i];
-    held.time -= delay;
+    held.time -= plan.delayOf(i);
     if (held.time < end_time)
       items.push_back({held, false, i});
     const std::int32_t out = outputOf(inputs, outputs, stream[i].channel);
@@ -136,13 +149,45 @@ TEST(DelayedChannel, MatchesReferenceOnRandomStreamsWhateverTheCuts) {
               return delayed;
             },
             stream, randomCuts(stream.size(), n_cuts, seed * 3 + n_cuts), end);
-        const auto expected = config.delay >= 0 ? referencePositive(stream, config.inputs, outputs, config.delay, end)
-                                                : referenceNegative(stream, config.inputs, outputs, config.delay, end);
+        const auto expected = config.delay >= 0
+                                  ? referencePositive(stream, config.inputs, outputs, {config.delay}, end)
+                                  : referenceNegative(stream, config.inputs, outputs, {config.delay}, end);
         EXPECT_EQ(run.out_of_order, 0u);
         EXPECT_EQ(run.past_block_end, 0u);
         EXPECT_EQ(firstDifference(run.tags, expected), "")
             << "inputs " << config.inputs.size() << " delay " << config.delay << " seed " << seed << " cuts " << n_cuts;
       }
+    }
+  }
+}
+
+TEST(DelayedChannel, ChangesOfDelayKeepTheStreamInOrder) {
+  // Negative to negative either way, a larger positive delay keeping the
+  // queued copies, a smaller one dropping them.
+  const std::vector<std::pair<std::int64_t, std::int64_t>> changes{
+      {-3000, -500}, {-500, -3000}, {200, 5000}, {5000, 200}, {700, 0}};
+  const std::vector<std::int32_t> inputs{1, 2, 6, 7};
+  for (const auto &[before, after] : changes) {
+    for (std::uint64_t seed = 1; seed <= 2; ++seed) {
+      const auto stream = randomTagStream(4000, seed * 17);
+      const std::size_t change = 1500 + 300 * seed;
+      const std::int64_t end = stream.back().time + 10000;
+      TestTagger tagger;
+      DelayedChannel delayed(&tagger, inputs, before);
+      BlockRecorder recorder(&tagger);
+      const std::vector<Tag> first(stream.begin(), stream.begin() + static_cast<std::ptrdiff_t>(change));
+      const std::vector<Tag> second(stream.begin() + static_cast<std::ptrdiff_t>(change), stream.end());
+      tagger.pushCut(first, randomCuts(first.size(), 10, seed), 0, second.front().time);
+      tagger.waitUntilDone();
+      delayed.setDelay(after);
+      tagger.pushCut(second, randomCuts(second.size(), 10, seed + 1), second.front().time, end);
+      tagger.waitUntilDone();
+      const DelayPlan plan{before, change, after};
+      const auto expected = before >= 0 ? referencePositive(stream, inputs, delayed.getChannels(), plan, end)
+                                        : referenceNegative(stream, inputs, delayed.getChannels(), plan, end);
+      EXPECT_EQ(recorder.outOfOrder(), 0u);
+      EXPECT_EQ(recorder.pastBlockEnd(), 0u);
+      EXPECT_EQ(firstDifference(recorder.tags(), expected), "") << before << " to " << after << " seed " << seed;
     }
   }
 }
