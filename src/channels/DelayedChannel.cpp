@@ -96,9 +96,13 @@ void DelayedChannel::setDelay(std::int64_t new_delay) {
     // stream tags, which must not be treated as copies from here on.
     if (!was_positive && positive && !pending->queue.empty())
       holds_stream_tags = true;
+  } else if (holds_stream_tags) {
+    // The waiting copies go; stream tags held back earlier stay.
+    pending->queue.filter(
+        [&](const Tag &tag) { return std::find(outputs.begin(), outputs.end(), tag.channel) == outputs.end(); });
+    holds_stream_tags = !pending->queue.empty();
   } else {
     pending->queue.clear();
-    holds_stream_tags = false;
   }
   delay = new_delay;
 }

@@ -293,6 +293,22 @@ TEST(DelayedChannel, SetDelayAndConstruction) {
     EXPECT_EQ(copies[1].time, 510);
   }
   {
+    // A smaller positive delay drops the waiting copies, not the held-back stream.
+    TestTagger tagger;
+    DelayedChannel delayed(&tagger, 1, -1000);
+    BlockRecorder recorder(&tagger);
+    tagger.pushAndWait({makeTag(2, 100)}, 0, 200);
+    delayed.setDelay(500);
+    tagger.pushAndWait({makeTag(1, 300)}, 400);
+    delayed.setDelay(50);
+    tagger.pushAndWait({makeTag(1, 600)}, 5000);
+    const auto tags = recorder.tags();
+    // The copy of 300, due at 800, is gone; 2 at 100, held back to 1100, is not.
+    EXPECT_EQ(
+        firstDifference(tags, {makeTag(1, 300), makeTag(1, 600), makeTag(delayed.getChannel(), 650), makeTag(2, 1100)}),
+        "");
+  }
+  {
     // Switching between negative delays keeps the stream in order.
     TestTagger tagger;
     DelayedChannel delayed(&tagger, 1, -500);
