@@ -15,9 +15,9 @@ struct DelayedChannel::Pending {
   TagQueue queue;
   // Input to output, for lookups with more than three inputs.
   ChannelHashMap output_of_input;
-  // Per tag of a block, its output channel or CHANNEL_UNUSED: the hashed
-  // lookups done ahead, off the dependency chain of the merge.
-  std::vector<std::int32_t> copy_channels;
+  // The copies of a block's tags, gathered ahead of the merge with the
+  // held-back stream, plus a spare slot.
+  std::vector<Tag> copies;
 };
 
 namespace {
@@ -298,27 +298,14 @@ template <bool linear_lookup> bool DelayedChannel::holdBack(std::vector<Tag> &ta
     }
   };
 
-  const std::int32_t *looked_up = nullptr;
-  if constexpr (!linear_lookup) {
-    std::vector<std::int32_t> &channels = pending->copy_channels;
-    if (channels.size() < size)
-      channels.resize(size);
-    for (std::size_t k = 0; k < size; ++k)
-      channels[k] = map.valueOr(block[k].channel, CHANNEL_UNUSED);
-    looked_up = channels.data();
-  }
-  auto copyOf = [&](std::size_t k, bool &hit) {
-    const Tag &tag = block[k];
+  auto copyOf = [&](const Tag &tag, bool &hit) {
     std::int32_t output_channel = 0;
-    if constexpr (linear_lookup) {
-      hit = outputOf<true>(in, out, n, map, tag.channel, output_channel);
-    } else {
-      output_channel = looked_up[k];
-      hit = output_channel != CHANNEL_UNUSED;
-    }
-    hit &= tag.type == Tag::Type::TimeTag;
+    hit = outputOf<linear_lookup>(in, out, n, map, tag.channel, output_channel) & (tag.type == Tag::Type::TimeTag);
     Tag copy = tag;
     copy.channel = output_channel;
+    return copy;
+  };
+  auto marked = [&](Tag copy) {
     copy.type = overflow ? Tag::Type::MissedEvents : copy.type;
     copy.missed_events = overflow ? std::uint16_t{1} : copy.missed_events;
     return copy;
@@ -329,20 +316,29 @@ template <bool linear_lookup> bool DelayedChannel::holdBack(std::vector<Tag> &ta
   for (; i < size && !queue.empty(); ++i) {
     release(block[i].time, i);
     bool hit;
-    const Tag copy = copyOf(i, hit);
-    writer.pushIf(copy, hit);
+    const Tag copy = copyOf(block[i], hit);
+    writer.pushIf(marked(copy), hit);
   }
-  // Then a merge of the held-back block (block[held..], shifted) with the
-  // copies (block[i..]), one output per step and no branch on the data, which
-  // is random. The held-back side can't overtake: block[j] shifted is later
-  // than block[i] for every j >= i.
-  while (i < size) {
-    const Tag &next = block[i];
-    const Tag &back = block[held];
-    const std::int64_t back_time = timePlus(back.time, shift);
-    const bool take_back = timeBefore(back_time, next.time);
+
+  // Then the copies of the rest, gathered without branches, ...
+  std::vector<Tag> &copies = pending->copies;
+  if (copies.size() < size - i + 1)
+    copies.resize(size - i + 1);
+  Tag *gathered = copies.data();
+  std::size_t n_copies = 0;
+  for (std::size_t k = i; k < size; ++k) {
     bool hit;
-    const Tag copy = copyOf(i, hit);
+    gathered[n_copies] = copyOf(block[k], hit);
+    n_copies += hit;
+  }
+  // ... merged with the held-back block (block[held..], shifted), one output
+  // per step and no branch on the data, which is random. The held-back side
+  // can't overtake a copy: block[j] shifted is later than block[k] for j >= k.
+  for (std::size_t p = 0; p < n_copies;) {
+    const Tag &back = block[held];
+    const Tag copy = marked(gathered[p]);
+    const std::int64_t back_time = timePlus(back.time, shift);
+    const bool take_back = timeBefore(back_time, copy.time);
     // Select by mask on the record's two words; the compiler would branch on
     // a conditional, and that branch would mispredict half of the time.
     std::uint64_t back_head, copy_head;
@@ -355,7 +351,7 @@ template <bool linear_lookup> bool DelayedChannel::holdBack(std::vector<Tag> &ta
     Tag chosen;
     std::memcpy(&chosen, &head, 8);
     chosen.time = static_cast<std::int64_t>(time);
-    writer.pushIf(chosen, take_back | hit);
+    writer.push(chosen);
     const unsigned begins = back.type == Tag::Type::OverflowBegin;
     const unsigned ends = back.type == Tag::Type::OverflowEnd;
     const unsigned taken = take_back;
@@ -363,7 +359,7 @@ template <bool linear_lookup> bool DelayedChannel::holdBack(std::vector<Tag> &ta
         ((taken & (begins | (static_cast<unsigned>(overflow) & ~ends))) | (~taken & static_cast<unsigned>(overflow))) &
         1U;
     held += taken;
-    i += 1 - taken;
+    p += 1 - taken;
   }
   release(end_time, size);
   for (; held < size; ++held) {
