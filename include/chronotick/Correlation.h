@@ -37,14 +37,9 @@ protected:
 private:
   friend struct CorrelationLoop;
 
-  // Recent tag times of one channel, oldest first: the live entries are
-  // [head, tail) of a buffer that is reused as they move.
-  struct Recent {
-    std::vector<std::int64_t> times;
-    std::size_t head = 0;
-    std::size_t tail = 0;
-  };
   void releaseRecent();
+  void prepareRecent();
+  void makeRoom(int side);
 
   std::int32_t channels[2];
   std::int32_t n_bins;
@@ -53,7 +48,14 @@ private:
   std::int64_t measured_duration;
   bool in_overflow;
   std::vector<std::int32_t> data;
-  Recent recent[2];
+  // Recent tag times of both channels, oldest first, in one buffer: channel
+  // s owns [s * recent_capacity, (s + 1) * recent_capacity), which starts
+  // with a sentinel older than any tag, followed by the live entries
+  // [recent_head[s], recent_tail[s]).
+  std::vector<std::int64_t> recent_times;
+  std::size_t recent_capacity;
+  std::size_t recent_head[2];
+  std::size_t recent_tail[2];
   std::uint64_t channel_counts[2];
   FastBinning binner;
 };

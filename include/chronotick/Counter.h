@@ -32,6 +32,8 @@ protected:
   void on_start() override;
 
 private:
+  friend struct CounterLoop;
+
   void setBinPosition(std::int64_t time);
 
   std::vector<std::int32_t> data; // one ring of n_values + 1 slots per channel
@@ -40,6 +42,12 @@ private:
   std::int32_t n_values;
   std::int32_t current_index;
   std::int64_t bin_start; // -1: not anchored yet
+
+  // Channel lookup for the loop: lookup[channel - lookup_min] is the first
+  // element of the channel's row in data, or -1. Empty if the channels are
+  // too far apart or one is listed twice; the loop then scans the list.
+  std::vector<std::int32_t> lookup;
+  std::int32_t lookup_min;
 };
 
 } // namespace chronotick

@@ -30,11 +30,19 @@ protected:
   void on_start() override;
 
 private:
+  friend struct CountrateLoop;
+
   std::vector<std::int32_t> channels;
   std::int64_t last_time;
   std::int64_t first_time; // 0: not anchored yet
   std::vector<std::int64_t> counts_period;
   std::vector<std::int64_t> counts_total;
+
+  // Channel lookup for the loop: lookup[channel - lookup_min] is the index
+  // into channels, or -1. Empty if the channels are too far apart or one is
+  // listed twice; the loop then scans the list.
+  std::vector<std::int32_t> lookup;
+  std::int32_t lookup_min;
 };
 
 } // namespace chronotick

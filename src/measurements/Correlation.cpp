@@ -4,6 +4,7 @@
 #include "FastBinningModes.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <stdexcept>
 
@@ -12,7 +13,8 @@ namespace chronotick {
 Correlation::Correlation(ChronotickBase *tagger, std::int32_t channel_1, std::int32_t channel_2, std::int64_t binwidth_,
                          std::int32_t n_bins_)
     : IteratorBase(tagger), channels{channel_1, channel_2}, n_bins(n_bins_), binwidth(binwidth_), half_window(0),
-      measured_duration(0), in_overflow(false), channel_counts{0, 0} {
+      measured_duration(0), in_overflow(false),
+      recent_capacity(0), recent_head{0, 0}, recent_tail{0, 0}, channel_counts{0, 0} {
   if (binwidth < 1)
     throw std::invalid_argument("binwidth must be at least 1 ps");
   if (n_bins < 1)
@@ -58,10 +60,11 @@ void Correlation::getIndex(std::function<std::int64_t *(std::size_t)> allocate) 
 }
 
 void Correlation::releaseRecent() {
-  for (Recent &r : recent) {
-    std::vector<std::int64_t>().swap(r.times);
-    r.head = 0;
-    r.tail = 0;
+  std::vector<std::int64_t>().swap(recent_times);
+  recent_capacity = 0;
+  for (int side = 0; side < 2; ++side) {
+    recent_head[side] = 0;
+    recent_tail[side] = 0;
   }
 }
 
@@ -76,55 +79,133 @@ void Correlation::clear_impl() {
 
 namespace {
 
-// Makes room at the back of a queue: slides the live entries to the front if
-// most of the buffer is dead, else doubles it.
-void makeRoom(std::vector<std::int64_t> &times, std::size_t &head, std::size_t &tail) {
-  const std::size_t live = tail - head;
-  if (head > 0 && live <= times.size() / 4) {
-    std::memmove(times.data(), times.data() + head, live * sizeof(std::int64_t));
-    head = 0;
-    tail = live;
-  } else {
-    times.resize(std::max<std::size_t>(64, 2 * times.size()));
+// In the buffer of recent times, element 0 of each channel's part is a
+// sentinel older than any tag, and an empty queue has head == tail == the
+// element after it. The newest entry, or the sentinel when there is none,
+// is then always at tail - 1, so "is everything stale" is one comparison
+// whether the queue is empty or not.
+constexpr std::int64_t SENTINEL = INT64_MIN;
+
+// Drops the entries of [head, tail) older than `threshold` (the time minus
+// half a window: an entry exactly half a window old stays). Returns false if
+// the queue is empty afterwards; it then restarts at `first`.
+inline bool age(const std::int64_t *q, std::uint64_t &head, std::uint64_t &tail, std::uint64_t first,
+                std::int64_t threshold) {
+  if (q[tail - 1] < threshold) {
+    head = first;
+    tail = first;
+    return false;
   }
+  // The newest entry stays, so these steps cannot pass it. The first two
+  // are branch-free: how many entries age out per tag varies, and a loop
+  // exit that varies is a missed prediction.
+  head += q[head] < threshold;
+  head += q[head] < threshold;
+  while (q[head] < threshold)
+    ++head;
+  return true;
+}
+
+// a if the mask is all ones, b if it is zero, without a branch: the channel
+// of the next tag is as good as random, and a branch on it would miss half
+// the time.
+inline std::uint64_t pick(std::uint64_t mask, std::uint64_t a, std::uint64_t b) {
+  return (a & mask) | (b & ~mask);
 }
 
 } // namespace
 
+// Gives the queue of `side`, which is full, room for one more entry: slides
+// its live entries to the front of its part if most of the part is dead,
+// else doubles both parts.
+void Correlation::makeRoom(int side) {
+  const std::size_t cap = recent_capacity;
+  const std::size_t first = static_cast<std::size_t>(side) * cap + 1;
+  const std::size_t live = recent_tail[side] - recent_head[side];
+  if (recent_head[side] > first && live <= cap / 4) {
+    std::memmove(recent_times.data() + first, recent_times.data() + recent_head[side], live * sizeof(std::int64_t));
+    recent_head[side] = first;
+    recent_tail[side] = first + live;
+    return;
+  }
+  const std::size_t grown = 2 * cap;
+  std::vector<std::int64_t> times(2 * grown, SENTINEL);
+  for (int s = 0; s < 2; ++s) {
+    const std::size_t n = recent_tail[s] - recent_head[s];
+    const std::size_t to = static_cast<std::size_t>(s) * grown + 1;
+    std::copy(recent_times.begin() + static_cast<std::ptrdiff_t>(recent_head[s]),
+              recent_times.begin() + static_cast<std::ptrdiff_t>(recent_tail[s]),
+              times.begin() + static_cast<std::ptrdiff_t>(to));
+    recent_head[s] = to;
+    recent_tail[s] = to + n;
+  }
+  recent_times.swap(times);
+  recent_capacity = grown;
+}
+
+void Correlation::prepareRecent() {
+  if (recent_capacity == 0) {
+    recent_capacity = 64;
+    recent_times.assign(2 * recent_capacity, SENTINEL);
+    for (int side = 0; side < 2; ++side)
+      recent_head[side] = recent_tail[side] = static_cast<std::size_t>(side) * recent_capacity + 1;
+  }
+}
+
 struct CorrelationLoop {
-  // Pairs a tag at `time` with the queue of the other channel. side 0: the
-  // difference is time - entry; side 1: entry - time.
-  template <FastBinning::Mode M, int SIDE>
+  // Pairs a tag at `time` with the entries [entry, end) of the other
+  // channel's queue: the difference is time - entry if `negate` is false,
+  // entry - time if true, so that a positive difference means that the tag
+  // of the first channel came later.
+  template <FastBinning::Mode M>
   static void pair(const binning::Constants &k, std::int32_t *data, std::uint64_t n_bins, std::int64_t time,
-                   std::int64_t half_window, const std::int64_t *entry, const std::int64_t *end) {
+                   bool negate, std::int64_t half_window, const std::int64_t *entry, const std::int64_t *end) {
     using Mode = FastBinning::Mode;
     if constexpr (M == Mode::AlwaysZero) {
       // The difference is not looked at; the histogram has at least one bin.
       (void)k;
       (void)n_bins;
       (void)time;
+      (void)negate;
       (void)half_window;
       for (; entry != end; ++entry)
         ++data[0];
     } else {
-      for (; entry != end; ++entry) {
-        const std::int64_t d = SIDE == 0 ? time - *entry : *entry - time;
-        // Div32 sees only the low 32 bits of the sum, as binOf takes them.
-        const std::uint64_t bin = binning::binOf<M>(k, static_cast<std::uint64_t>(d + half_window));
-        if constexpr (M == Mode::MulShift32 || M == Mode::Div32) {
-          // The top bits are clear here: no sign to test.
-          if (bin < n_bins)
-            ++data[bin];
-        } else {
-          const std::int64_t sbin = static_cast<std::int64_t>(bin);
-          if (sbin >= 0 && sbin < static_cast<std::int64_t>(n_bins))
-            ++data[sbin];
-        }
+      // d + half_window, with d = time - entry or entry - time.
+      if (negate) {
+        const std::int64_t base = half_window - time;
+        for (; entry != end; ++entry)
+          count<M>(k, data, n_bins, static_cast<std::uint64_t>(*entry + base));
+      } else {
+        const std::int64_t base = time + half_window;
+        for (; entry != end; ++entry)
+          count<M>(k, data, n_bins, static_cast<std::uint64_t>(base - *entry));
       }
     }
   }
 
+  // Counts the shifted difference v in its bin if the bin is in range. Div32
+  // sees only the low 32 bits of v, as binOf takes them.
   template <FastBinning::Mode M>
+  static void count(const binning::Constants &k, std::int32_t *data, std::uint64_t n_bins, std::uint64_t v) {
+    using Mode = FastBinning::Mode;
+    const std::uint64_t bin = binning::binOf<M>(k, v);
+    if constexpr (M == Mode::MulShift32 || M == Mode::Div32) {
+      // The top bits are clear here: no sign to test.
+      if (bin < n_bins)
+        ++data[bin];
+    } else {
+      const std::int64_t sbin = static_cast<std::int64_t>(bin);
+      if (sbin >= 0 && sbin < static_cast<std::int64_t>(n_bins))
+        ++data[sbin];
+    }
+  }
+
+  // The queue of each channel is aged only right before a tag of the other
+  // channel pairs with it, and at the end of the block. Ageing both at every
+  // tag would leave the same entries to pair with, since times only grow
+  // along the stream: whatever an earlier tag removed, this one would too.
+  template <FastBinning::Mode M, bool AUTOCORRELATION>
   static void run(Correlation &c, const std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) {
     const binning::Constants k(c.binner);
     const std::int64_t half_window = c.half_window;
@@ -132,55 +213,89 @@ struct CorrelationLoop {
     const std::int32_t channel_0 = c.channels[0];
     const std::int32_t channel_1 = c.channels[1];
     std::int32_t *data = c.data.data();
-    Correlation::Recent &r0 = c.recent[0];
-    Correlation::Recent &r1 = c.recent[1];
+    c.prepareRecent();
     // Locals, so that the stores into data don't force reloads.
-    std::int64_t *q0 = r0.times.data();
-    std::int64_t *q1 = r1.times.data();
-    std::size_t head0 = r0.head, tail0 = r0.tail, size0 = r0.times.size();
-    std::size_t head1 = r1.head, tail1 = r1.tail, size1 = r1.times.size();
+    std::int64_t *q = c.recent_times.data();
+    std::uint64_t cap = c.recent_capacity;
+    std::uint64_t head0 = c.recent_head[0], tail0 = c.recent_tail[0];
+    std::uint64_t head1 = c.recent_head[1], tail1 = c.recent_tail[1];
     std::uint64_t count0 = c.channel_counts[0], count1 = c.channel_counts[1];
     std::int64_t measured = c.measured_duration;
     bool overflow = c.in_overflow;
     std::int64_t segment_start = begin_time;
+
+    auto store = [&] {
+      c.recent_head[0] = head0;
+      c.recent_tail[0] = tail0;
+      c.recent_head[1] = head1;
+      c.recent_tail[1] = tail1;
+    };
+    auto load = [&] {
+      q = c.recent_times.data();
+      cap = c.recent_capacity;
+      head0 = c.recent_head[0];
+      tail0 = c.recent_tail[0];
+      head1 = c.recent_head[1];
+      tail1 = c.recent_tail[1];
+    };
 
     for (const Tag &tag : tags) {
       const std::int64_t time = tag.time;
       switch (tag.type) {
       case Tag::Type::TimeTag: {
         const std::int32_t channel = tag.channel;
-        // Both queues age at every tag, whatever its channel, so they stay short.
-        while (head1 != tail1 && time - q1[head1] > half_window)
-          ++head1;
-        if (channel == channel_0) {
+        const bool second = channel == channel_1;
+        if constexpr (!AUTOCORRELATION) {
+          // Summed, not or-ed: a short-circuit would branch on the channel.
+          if (static_cast<int>(second) + static_cast<int>(channel == channel_0) == 0)
+            break;
+          // The tag's side s and the other side o, selected by mask.
+          const std::uint64_t m = 0 - static_cast<std::uint64_t>(second); // all ones on side 1
+          if (pick(m, tail1, tail0) == pick(m, 2 * cap, cap)) {
+            store();
+            c.makeRoom(second ? 1 : 0);
+            load();
+          }
+          std::uint64_t head_o = pick(m, head0, head1);
+          std::uint64_t tail_o = pick(m, tail0, tail1);
+          std::uint64_t tail_s = pick(m, tail1, tail0);
+          if (age(q, head_o, tail_o, pick(m, 1, cap + 1), time - half_window))
+            pair<M>(k, data, n_bins, time, second, half_window, q + head_o, q + tail_o);
+          q[tail_s++] = time;
+          count1 += second;
+          count0 += !second;
+          head0 = pick(m, head_o, head0);
+          tail0 = pick(m, tail_o, tail_s);
+          head1 = pick(m, head1, head_o);
+          tail1 = pick(m, tail_s, tail_o);
+        } else if (second) {
+          // Side 0: appended to the first queue and paired with the second.
+          // Side 1: appended to the second and paired with the first, which
+          // by now holds the tag itself: one self-pair at difference 0.
+          if (tail0 == cap || tail1 == 2 * cap) {
+            store();
+            if (tail0 == cap)
+              c.makeRoom(0);
+            if (c.recent_tail[1] == 2 * c.recent_capacity)
+              c.makeRoom(1);
+            load();
+          }
+          if (age(q, head1, tail1, cap + 1, time - half_window))
+            pair<M>(k, data, n_bins, time, false, half_window, q + head1, q + tail1);
+          q[tail0++] = time;
           ++count0;
-          if (tail0 == size0) {
-            makeRoom(r0.times, head0, tail0);
-            q0 = r0.times.data();
-            size0 = r0.times.size();
-          }
-          q0[tail0++] = time;
-          pair<M, 0>(k, data, n_bins, time, half_window, q1 + head1, q1 + tail1);
-        }
-        while (head0 != tail0 && time - q0[head0] > half_window)
-          ++head0;
-        if (channel == channel_1) {
+          if (age(q, head0, tail0, 1, time - half_window))
+            pair<M>(k, data, n_bins, time, true, half_window, q + head0, q + tail0);
+          q[tail1++] = time;
           ++count1;
-          if (tail1 == size1) {
-            makeRoom(r1.times, head1, tail1);
-            q1 = r1.times.data();
-            size1 = r1.times.size();
-          }
-          q1[tail1++] = time;
-          pair<M, 1>(k, data, n_bins, time, half_window, q0 + head0, q0 + tail0);
         }
         break;
       }
       case Tag::Type::Error:
         // No pair crosses a break; counts and duration stay. The storage is
         // kept for the tags to come.
-        head0 = tail0 = 0;
-        head1 = tail1 = 0;
+        head0 = tail0 = 1;
+        head1 = tail1 = cap + 1;
         break;
       case Tag::Type::OverflowBegin:
         measured += time - segment_start;
@@ -201,19 +316,9 @@ struct CorrelationLoop {
 
     if (!overflow)
       measured += end_time - segment_start;
-    while (head0 != tail0 && end_time - q0[head0] > half_window)
-      ++head0;
-    while (head1 != tail1 && end_time - q1[head1] > half_window)
-      ++head1;
-    if (head0 == tail0)
-      head0 = tail0 = 0;
-    if (head1 == tail1)
-      head1 = tail1 = 0;
-
-    r0.head = head0;
-    r0.tail = tail0;
-    r1.head = head1;
-    r1.tail = tail1;
+    age(q, head0, tail0, 1, end_time - half_window);
+    age(q, head1, tail1, cap + 1, end_time - half_window);
+    store();
     c.channel_counts[0] = count0;
     c.channel_counts[1] = count1;
     c.measured_duration = measured;
@@ -222,8 +327,12 @@ struct CorrelationLoop {
 };
 
 bool Correlation::next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) {
-  binning::withBinningMode(
-      binner, [&](auto mode) { CorrelationLoop::run<decltype(mode)::value>(*this, tags, begin_time, end_time); });
+  binning::withBinningMode(binner, [&](auto mode) {
+    if (channels[0] == channels[1])
+      CorrelationLoop::run<decltype(mode)::value, true>(*this, tags, begin_time, end_time);
+    else
+      CorrelationLoop::run<decltype(mode)::value, false>(*this, tags, begin_time, end_time);
+  });
   return false;
 }
 

@@ -1,5 +1,7 @@
 #include <chronotick/Countrate.h>
 
+#include "ChannelLookup.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -7,7 +9,8 @@ namespace chronotick {
 
 Countrate::Countrate(ChronotickBase *tagger, std::vector<std::int32_t> channels_)
     : IteratorBase(tagger), channels(std::move(channels_)), last_time(0), first_time(0),
-      counts_period(channels.size(), 0), counts_total(channels.size(), 0) {
+      counts_period(channels.size(), 0), counts_total(channels.size(), 0), lookup_min(0) {
+  buildChannelLookup(channels, lookup, lookup_min, [](std::size_t i) { return static_cast<std::int32_t>(i); });
   for (std::int32_t channel : channels)
     registerChannel(channel);
   clear();
@@ -47,42 +50,65 @@ void Countrate::on_start() {
   clear_impl();
 }
 
+struct CountrateLoop {
+  // forEachIndex(channel, f) calls f(i) for each i with channels[i] equal
+  // to the channel.
+  template <class ForEachIndex>
+  static void run(Countrate &c, const std::vector<Tag> &tags, ForEachIndex &&forEachIndex) {
+    const std::size_t n_channels = c.channels.size();
+    std::int64_t *period = c.counts_period.data();
+    std::int64_t *total = c.counts_total.data();
+    std::int64_t first = c.first_time;
+
+    for (const Tag &tag : tags) {
+      std::int64_t n;
+      if (tag.type == Tag::Type::TimeTag) {
+        n = 1;
+      } else if (tag.type == Tag::Type::MissedEvents) {
+        n = tag.missed_events;
+      } else {
+        if (tag.type == Tag::Type::Error) {
+          // The rate restarts; the total goes on.
+          first = 0;
+          std::fill(period, period + n_channels, 0);
+        }
+        continue;
+      }
+      forEachIndex(tag.channel, [&](std::size_t i) {
+        if (first == 0)
+          first = tag.time;
+        period[i] += n;
+        total[i] += n;
+      });
+    }
+    c.first_time = first;
+  }
+};
+
 bool Countrate::next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) {
   if (first_time == 0)
     first_time = begin_time;
 
-  const std::size_t n_channels = channels.size();
-  const std::int32_t *listed = channels.data();
-  std::int64_t *period = counts_period.data();
-  std::int64_t *total = counts_total.data();
-  std::int64_t first = first_time;
-
-  for (const Tag &tag : tags) {
-    std::int64_t n;
-    if (tag.type == Tag::Type::TimeTag) {
-      n = 1;
-    } else if (tag.type == Tag::Type::MissedEvents) {
-      n = tag.missed_events;
-    } else {
-      if (tag.type == Tag::Type::Error) {
-        // The rate restarts; the total goes on.
-        first = 0;
-        std::fill(period, period + n_channels, 0);
-      }
-      continue;
-    }
-    const std::int32_t channel = tag.channel;
-    for (std::size_t i = 0; i < n_channels; ++i) {
-      if (channel != listed[i])
-        continue;
-      if (first == 0)
-        first = tag.time;
-      period[i] += n;
-      total[i] += n;
-    }
+  if (!lookup.empty()) {
+    const std::int32_t *table = lookup.data();
+    const std::uint32_t span = static_cast<std::uint32_t>(lookup.size());
+    const std::uint32_t low = static_cast<std::uint32_t>(lookup_min);
+    CountrateLoop::run(*this, tags, [&](std::int32_t channel, auto &&f) {
+      const std::uint32_t offset = static_cast<std::uint32_t>(channel) - low;
+      if (offset < span && table[offset] >= 0)
+        f(static_cast<std::size_t>(table[offset]));
+    });
+  } else {
+    // A channel listed twice counts at each of its places.
+    const std::int32_t *listed = channels.data();
+    const std::size_t n_channels = channels.size();
+    CountrateLoop::run(*this, tags, [&](std::int32_t channel, auto &&f) {
+      for (std::size_t i = 0; i < n_channels; ++i)
+        if (channel == listed[i])
+          f(i);
+    });
   }
 
-  first_time = first;
   last_time = end_time;
   if (first_time == 0)
     first_time = end_time;
