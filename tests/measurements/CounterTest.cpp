@@ -36,11 +36,17 @@ using V = std::vector<std::int32_t>;
 
 TEST(Counter, RingRowsAndBreaks) {
   TestTagger tagger;
-  Counter c(&tagger, {1, 2, 1}, 10, 3); // channel 1 listed twice: counted in both rows
+  Counter c(&tagger, {1, 2, 1}, 10, 3);   // channel 1 listed twice: counted in both rows
+  Counter unique(&tagger, {1, 2}, 10, 3); // looked up in a table rather than scanned
   settleFences(tagger);
+  auto sameAsUnique = [&] {
+    const V all = dataOf(c);
+    EXPECT_EQ(dataOf(unique), V(all.begin(), all.begin() + 6));
+  };
   tagger.pushAndWait({tt(1, 1), tt(1, 5), tt(2, 12), tt(1, 25), tt(1, 29), tt(1, 30)}, 0, 35);
   // Bins [0,10) [10,20) [20,30); [30,40) is being filled and not reported.
   EXPECT_EQ(dataOf(c), (V{2, 0, 2, /**/ 0, 1, 0, /**/ 2, 0, 2}));
+  sameAsUnique();
   tagger.pushAndWait({}, 35, 45);
   EXPECT_EQ(dataOf(c), (V{0, 2, 1, /**/ 1, 0, 0, /**/ 0, 2, 1}));
 
@@ -52,6 +58,7 @@ TEST(Counter, RingRowsAndBreaks) {
   EXPECT_EQ(dataOf(c), (V{0, 2, 1, /**/ 1, 0, 0, /**/ 0, 2, 1}));
   tagger.pushAndWait({}, 56, 57);
   EXPECT_EQ(dataOf(c), (V{2, 1, 1, /**/ 0, 0, 1, /**/ 2, 1, 1}));
+  sameAsUnique();
 
   // stop and start keep the history but lose the bin being filled (the tag
   // at 60); the next block anchors the bin.
