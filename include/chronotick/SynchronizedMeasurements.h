@@ -19,8 +19,9 @@ class IteratorBase;
 class CHRONOTICK_API SynchronizedMeasurements {
 public:
   explicit SynchronizedMeasurements(ChronotickBase *tagger);
-  // Members are neither stopped nor cleared; they go on with the real tagger.
-  virtual ~SynchronizedMeasurements();
+  // Members are neither stopped nor touched; build them after the group and
+  // destroy them before it, since they use its proxy as their tagger.
+  ~SynchronizedMeasurements();
 
   SynchronizedMeasurements(const SynchronizedMeasurements &) = delete;
   SynchronizedMeasurements &operator=(const SynchronizedMeasurements &) = delete;

@@ -12,21 +12,9 @@ SynchronizedMeasurements::SynchronizedMeasurements(ChronotickBase *tagger_)
     : tagger(tagger_), proxy(new ChronotickProxy(tagger_, this)) {}
 
 SynchronizedMeasurements::~SynchronizedMeasurements() {
-  // Members keep running. Those that still point at the proxy are moved onto
-  // the real tagger first, so that they stay usable once it is gone.
-  {
-    std::lock_guard<std::mutex> guard(mutex);
-    for (IteratorBase *m : measurements) {
-      m->lock();
-      if (m->tagger == proxy) {
-        m->tagger = tagger;
-      }
-      m->unlock();
-    }
-  }
-  ChronotickBase *p = proxy;
-  proxy = nullptr;
-  delete p;
+  // Members are left alone: they keep running, and their pointers may already
+  // be stale if the client destroyed them first, which is the usual order.
+  delete proxy;
 }
 
 ChronotickBase *SynchronizedMeasurements::getTagger() {
