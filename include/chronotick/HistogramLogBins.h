@@ -37,7 +37,7 @@ private:
   void increase_ring_buffer();
   void clear_internal(bool full);
   void chooseSplit(std::uint64_t starts, std::uint64_t clicks, std::int64_t span);
-  std::uint32_t lookupIndex(std::uint64_t difference) const;
+  template <bool SingleStep> void countRecentPairs(std::int64_t time);
 
   std::int32_t click_channel;
   std::int32_t start_channel;
@@ -47,7 +47,7 @@ private:
   std::uint32_t ring_mask;
   std::uint32_t ring_head;
   std::vector<std::uint32_t> edge_positions;
-  std::vector<std::uint64_t> data;
+  std::vector<std::uint64_t> data; // slot 0: below the first edge; bin b is slot b + 1
   std::int64_t segment_start;
   std::int64_t measured_duration;
   bool warming_up;
@@ -56,12 +56,14 @@ private:
   std::uint64_t start_count;
 
   // Pairs closer than bin_edges[split] are counted by walking back from the
-  // newest start and finding the bin through bin_lookup; only the edges from
+  // newest start and finding the bin through bin_lookup, indexed by the
+  // leading bits of the difference; only the edges from
   // split on keep read positions. Both ways give the same counts, so split is
   // chosen per block from the rates, whichever is cheaper.
   std::int32_t n_bins;
   std::int32_t split;
   bool edges_ascending;
+  bool single_step; // no sub-range of bin_lookup holds more than one edge
   std::vector<std::int32_t> bin_lookup;
 };
 

@@ -40,8 +40,8 @@ protected:
 
 private:
   template <class ModeTag> void process(const std::vector<Tag> &tags, std::int64_t end_time);
-  void pushStart(std::int64_t time, std::uint64_t offset);
-  void dropStartsOlderThan(std::int64_t time);
+  void growStarts();
+  void selectHistogram();
 
   std::int32_t click_channel;
   std::int32_t start_channel;
@@ -63,6 +63,8 @@ private:
   std::uint64_t histogram_offset;
   bool histogram_valid;
   FastBinning binner;
+  std::int32_t position_channels_min; // the next and sync channels lie in between
+  std::int32_t position_channels_max;
 };
 
 } // namespace chronotick

@@ -22,10 +22,10 @@ std::int64_t truncateToInt64(double value) {
   return static_cast<std::int64_t>(value);
 }
 
-// Differences below 2^7 map to themselves; above, each octave is cut into 2^7
-// sub-ranges by the 7 bits after the leading one. Narrow enough that a
+// Differences below 2^8 map to themselves; above, each octave is cut into 2^8
+// sub-ranges by the 8 bits after the leading one. Narrow enough that a
 // sub-range rarely holds more than one bin edge.
-constexpr unsigned LOOKUP_BITS = 7;
+constexpr unsigned LOOKUP_BITS = 8;
 constexpr std::uint64_t LOOKUP_STEPS = std::uint64_t(1) << LOOKUP_BITS;
 
 inline std::uint32_t lookupIndexOf(std::uint64_t d) {
@@ -56,7 +56,8 @@ HistogramLogBins::HistogramLogBins(ChronotickBase *tagger_, std::int32_t click_c
                                    double exp_start, double exp_stop, std::int32_t n_bins_)
     : IteratorBase(tagger_), click_channel(click_channel_), start_channel(start_channel_), wait_for_full_window(true),
       ring_mask(15), ring_head(0), segment_start(0), measured_duration(0), warming_up(true), in_overflow(false),
-      click_count(0), start_count(0), n_bins(std::max(n_bins_, 0)), split(0), edges_ascending(false) {
+      click_count(0), start_count(0), n_bins(std::max(n_bins_, 0)), split(0), edges_ascending(false),
+      single_step(false) {
   // Exponents of seconds to exponents of picoseconds. The order of the double
   // operations decides the low bits of the edges and must stay.
   const double lo = exp_start + 12.0;
@@ -68,7 +69,8 @@ HistogramLogBins::HistogramLogBins(ChronotickBase *tagger_, std::int32_t click_c
   }
   ring.resize(16);
   edge_positions.resize(static_cast<std::size_t>(n_bins) + 1);
-  data.resize(static_cast<std::size_t>(n_bins));
+  // Slot 0 collects the differences below the first edge; bin b is slot b + 1.
+  data.resize(static_cast<std::size_t>(n_bins) + 1);
 
   // Pairs are only counted directly when the edges rise; otherwise every bin
   // keeps the read positions.
@@ -77,16 +79,23 @@ HistogramLogBins::HistogramLogBins(ChronotickBase *tagger_, std::int32_t click_c
     const std::int64_t last = bin_edges[n_bins];
     const std::uint32_t size = last > 0 ? lookupIndexOf(static_cast<std::uint64_t>(last - 1)) + 1 : 1;
     bin_lookup.resize(size);
-    // For each index: the bin of its smallest difference, -1 below the first
-    // edge. The bins of larger differences in the same sub-range follow by a
-    // few comparisons with the next edges.
-    std::int32_t b = -1;
-    for (std::uint32_t i = 0; i < size; ++i) {
-      const std::uint64_t d = lookupLowerBound(i);
-      while (b + 1 < n_bins && static_cast<std::uint64_t>(bin_edges[b + 1]) <= d) {
-        ++b;
+    // For each index: the slot of its smallest difference, which is the
+    // number of edges at or below it. The slot of a larger difference in the
+    // same sub-range follows by comparisons with the next edges; if no
+    // sub-range holds more than one edge, by exactly one comparison.
+    auto edgesUpTo = [&](std::uint64_t d, std::int32_t from) {
+      while (from < n_bins && static_cast<std::uint64_t>(bin_edges[from]) <= d) {
+        ++from;
       }
-      bin_lookup[i] = b;
+      return from;
+    };
+    std::int32_t slot = 0;
+    single_step = true;
+    for (std::uint32_t i = 0; i < size; ++i) {
+      slot = edgesUpTo(lookupLowerBound(i), slot);
+      bin_lookup[i] = slot;
+      const std::int32_t highest = edgesUpTo(lookupLowerBound(i + 1) - 1, slot);
+      single_step = single_step && highest - slot <= 1;
     }
   } else {
     edges_ascending = false;
@@ -148,7 +157,7 @@ void HistogramLogBins::on_stop_event(std::int64_t time) {
   const std::int64_t *const r = ring.data();
   const std::int64_t *const edges = bin_edges.data();
   std::uint32_t *const positions = edge_positions.data();
-  std::uint64_t *const out = data.data();
+  std::uint64_t *const slots = data.data();
   const std::uint32_t head = ring_head;
   const std::uint32_t mask = ring_mask;
 
@@ -163,32 +172,54 @@ void HistogramLogBins::on_stop_event(std::int64_t time) {
     positions[e] = p;
   }
   for (std::int32_t b = split; b < n_bins; ++b) {
-    out[b] += static_cast<std::uint32_t>(positions[b] - positions[b + 1]);
+    slots[b + 1] += static_cast<std::uint32_t>(positions[b] - positions[b + 1]);
   }
 
   if (split > 0) {
-    // Bins below the split: walk back from the newest start until the
-    // difference reaches the split edge, and find each bin by the lookup.
-    const std::int64_t split_edge = edges[split];
-    const std::int64_t first_edge = edges[0];
-    const std::int32_t *const lookup = bin_lookup.data();
-    const std::uint32_t tail = positions[n_bins];
-    std::uint32_t p = head;
-    while (p != tail) {
-      --p;
-      const std::int64_t d = difference(time, r[p & mask]);
-      if (d >= split_edge) {
-        break;
-      }
-      if (d < first_edge) {
-        continue;
-      }
-      std::int32_t b = lookup[lookupIndexOf(static_cast<std::uint64_t>(d))];
-      while (d >= edges[b + 1]) {
-        ++b;
-      }
-      ++out[b];
+    if (single_step) {
+      countRecentPairs<true>(time);
+    } else {
+      countRecentPairs<false>(time);
     }
+  }
+}
+
+template <bool SingleStep> void HistogramLogBins::countRecentPairs(std::int64_t time) {
+  // Bins below the split: walk back from the newest start until the
+  // difference reaches the split edge, and find each slot by the lookup. The
+  // ring's live part is walked as its contiguous pieces.
+  const std::int64_t *const r = ring.data();
+  const std::int64_t *const edges = bin_edges.data();
+  const std::int32_t *const lookup = bin_lookup.data();
+  std::uint64_t *const slots = data.data();
+  const std::uint64_t split_edge = static_cast<std::uint64_t>(edges[split]);
+  std::uint32_t remaining = ring_head - edge_positions[n_bins];
+  std::uint32_t end = ring_head & ring_mask; // one past the newest start
+  while (remaining != 0) {
+    if (end == 0) {
+      end = ring_mask + 1;
+    }
+    const std::uint32_t piece = std::min(remaining, end);
+    const std::int64_t *const newest = r + end;
+    for (std::uint32_t i = 1; i <= piece; ++i) {
+      // Unsigned, so that a start after the click (a disordered stream)
+      // ends the walk too.
+      const std::uint64_t d = static_cast<std::uint64_t>(difference(time, newest[-static_cast<std::ptrdiff_t>(i)]));
+      if (d >= split_edge) {
+        return;
+      }
+      std::int32_t slot = lookup[lookupIndexOf(d)];
+      if constexpr (SingleStep) {
+        slot += static_cast<std::uint64_t>(edges[slot]) <= d ? 1 : 0;
+      } else {
+        while (static_cast<std::uint64_t>(edges[slot]) <= d) {
+          ++slot;
+        }
+      }
+      ++slots[slot];
+    }
+    remaining -= piece;
+    end -= piece;
   }
 }
 
@@ -285,26 +316,26 @@ bool HistogramLogBins::next_impl(std::vector<Tag> &tags, std::int64_t begin_time
 }
 
 void HistogramLogBins::getData(std::function<std::uint64_t *(std::size_t)> allocate) {
-  std::uint64_t *out = allocate(data.size());
+  std::uint64_t *out = allocate(static_cast<std::size_t>(n_bins));
   auto guard = getLock();
-  std::copy(data.begin(), data.end(), out);
+  std::copy(data.begin() + 1, data.end(), out);
 }
 
 void HistogramLogBins::getDataNormalizedCountsPerPs(std::function<double *(std::size_t)> allocate) {
-  double *out = allocate(data.size());
+  double *out = allocate(static_cast<std::size_t>(n_bins));
   auto guard = getLock();
-  for (std::size_t b = 0; b < data.size(); ++b) {
-    out[b] = static_cast<double>(data[b]) / static_cast<double>(bin_edges[b + 1] - bin_edges[b]);
+  for (std::size_t b = 0; b < static_cast<std::size_t>(n_bins); ++b) {
+    out[b] = static_cast<double>(data[b + 1]) / static_cast<double>(bin_edges[b + 1] - bin_edges[b]);
   }
 }
 
 void HistogramLogBins::getDataNormalizedG2(std::function<double *(std::size_t)> allocate) {
-  double *out = allocate(data.size());
+  double *out = allocate(static_cast<std::size_t>(n_bins));
   auto guard = getLock();
   const double f =
       static_cast<double>(measured_duration) / (static_cast<double>(click_count) * static_cast<double>(start_count));
-  for (std::size_t b = 0; b < data.size(); ++b) {
-    out[b] = static_cast<double>(data[b]) * f / static_cast<double>(bin_edges[b + 1] - bin_edges[b]);
+  for (std::size_t b = 0; b < static_cast<std::size_t>(n_bins); ++b) {
+    out[b] = static_cast<double>(data[b + 1]) * f / static_cast<double>(bin_edges[b + 1] - bin_edges[b]);
   }
 }
 

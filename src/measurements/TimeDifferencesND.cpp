@@ -66,6 +66,15 @@ TimeDifferencesND::TimeDifferencesND(ChronotickBase *tagger_, std::int32_t click
   for (std::size_t i = 0; i < n_dimensions; ++i) {
     sync_unused[i] = sync_channels.empty() ? 1 : (tagger->isUnusedChannel(sync_channels[i]) ? 1 : 0);
   }
+  // Tags outside this range can't move a position: most tags skip the scan.
+  position_channels_min = INT32_MAX;
+  position_channels_max = INT32_MIN;
+  for (const auto *list : {&next_channels, &sync_channels}) {
+    for (std::int32_t channel : *list) {
+      position_channels_min = std::min(position_channels_min, channel);
+      position_channels_max = std::max(position_channels_max, channel);
+    }
+  }
   binner = FastBinning(static_cast<std::uint64_t>(binwidth), n_bins * static_cast<std::uint64_t>(binwidth));
   // The positions as a start would set them, for a member that waits for the
   // start of its group.
@@ -95,35 +104,42 @@ void TimeDifferencesND::clear_impl() {
   std::fill(data.begin(), data.end(), 0);
 }
 
-void TimeDifferencesND::pushStart(std::int64_t time, std::uint64_t offset) {
-  if (starts_count == starts.size()) {
-    // Grow in powers of two and unroll the ring into the new storage.
-    std::vector<TimeDifferencesNDStart> grown(starts.empty() ? 16 : 2 * starts.size());
-    const std::size_t mask = starts.size() - 1;
-    for (std::size_t i = 0; i < starts_count; ++i) {
-      grown[i] = starts[(starts_front + i) & mask];
-    }
-    starts.swap(grown);
-    starts_front = 0;
+void TimeDifferencesND::growStarts() {
+  // Powers of two; the ring is unrolled into the new storage.
+  std::vector<TimeDifferencesNDStart> grown(starts.empty() ? 16 : 2 * starts.size());
+  const std::size_t mask = starts.size() - 1;
+  for (std::size_t i = 0; i < starts_count; ++i) {
+    grown[i] = starts[(starts_front + i) & mask];
   }
-  starts[(starts_front + starts_count) & (starts.size() - 1)] = TimeDifferencesNDStart{time, offset};
-  ++starts_count;
+  starts.swap(grown);
+  starts_front = 0;
 }
 
-void TimeDifferencesND::dropStartsOlderThan(std::int64_t time) {
-  const std::int64_t range = static_cast<std::int64_t>(n_bins * static_cast<std::uint64_t>(binwidth));
-  const std::size_t mask = starts.size() - 1;
-  while (starts_count != 0 && time - starts[starts_front].time >= range) {
-    starts_front = (starts_front + 1) & mask;
-    --starts_count;
+void TimeDifferencesND::selectHistogram() {
+  histogram_offset = 0;
+  histogram_valid = true;
+  std::uint64_t stride = n_bins;
+  for (std::size_t i = 0; i < n_dimensions; ++i) {
+    // A dimension at -1 adds a wrapped negative; valid is false then.
+    histogram_offset += static_cast<std::uint64_t>(static_cast<std::int64_t>(histogram_index[i])) * stride;
+    stride *= static_cast<std::uint64_t>(n_histograms[i]);
+    if (histogram_index[i] < 0 || histogram_index[i] >= n_histograms[i] || waiting_for_sync[i]) {
+      histogram_valid = false;
+    }
   }
 }
 
 template <class ModeTag> void TimeDifferencesND::process(const std::vector<Tag> &tags, std::int64_t end_time) {
   constexpr FastBinning::Mode M = ModeTag::value;
   const binning::Constants k(binner);
+  const std::int64_t range = static_cast<std::int64_t>(n_bins * static_cast<std::uint64_t>(binwidth));
   const bool have_sync = !sync_channels.empty();
   std::int32_t *const out = data.data();
+  // The ring in locals; refreshed when a start makes it grow.
+  TimeDifferencesNDStart *ring = starts.data();
+  std::size_t mask = starts.size() - 1;
+  std::size_t front = starts_front;
+  std::size_t count = starts_count;
 
   for (const Tag &tag : tags) {
     if (tag.type != Tag::Type::TimeTag) {
@@ -133,66 +149,72 @@ template <class ModeTag> void TimeDifferencesND::process(const std::vector<Tag> 
     }
     const std::int32_t channel = tag.channel;
 
-    if (have_sync) {
-      for (std::size_t i = 0; i < n_dimensions; ++i) {
-        if (channel == sync_channels[i]) {
-          histogram_index[i] = -1;
-          waiting_for_sync[i] = 0;
-          histogram_valid = false;
-        }
-      }
-    }
-
-    bool moved = false;
-    for (std::size_t i = 0; i < n_dimensions; ++i) {
-      if (channel == next_channels[i] && !waiting_for_sync[i]) {
-        moved = true;
-        if (++histogram_index[i] >= n_histograms[i]) {
-          if (sync_unused[i]) {
-            histogram_index[i] = 0;
-          } else {
-            waiting_for_sync[i] = 1;
+    if (channel >= position_channels_min && channel <= position_channels_max) {
+      if (have_sync) {
+        for (std::size_t i = 0; i < n_dimensions; ++i) {
+          if (channel == sync_channels[i]) {
+            histogram_index[i] = -1;
+            waiting_for_sync[i] = 0;
+            histogram_valid = false;
           }
         }
       }
-    }
-    if (moved) {
-      histogram_offset = 0;
-      histogram_valid = true;
-      std::uint64_t stride = n_bins;
+      bool moved = false;
       for (std::size_t i = 0; i < n_dimensions; ++i) {
-        // A dimension at -1 adds a wrapped negative; valid is false then.
-        histogram_offset += static_cast<std::uint64_t>(static_cast<std::int64_t>(histogram_index[i])) * stride;
-        stride *= static_cast<std::uint64_t>(n_histograms[i]);
-        if (histogram_index[i] < 0 || histogram_index[i] >= n_histograms[i] || waiting_for_sync[i]) {
-          histogram_valid = false;
+        if (channel == next_channels[i] && !waiting_for_sync[i]) {
+          moved = true;
+          if (++histogram_index[i] >= n_histograms[i]) {
+            if (sync_unused[i]) {
+              histogram_index[i] = 0;
+            } else {
+              waiting_for_sync[i] = 1;
+            }
+          }
         }
       }
+      if (moved) {
+        selectHistogram();
+      }
     }
 
-    dropStartsOlderThan(tag.time);
+    while (count != 0 && tag.time - ring[front].time >= range) {
+      front = (front + 1) & mask;
+      --count;
+    }
 
     if (channel == start_channel && histogram_valid) {
-      pushStart(tag.time, histogram_offset);
+      if (count == starts.size()) {
+        starts_front = front;
+        starts_count = count;
+        growStarts();
+        ring = starts.data();
+        mask = starts.size() - 1;
+        front = starts_front;
+      }
+      ring[(front + count) & mask] = TimeDifferencesNDStart{tag.time, histogram_offset};
+      ++count;
     }
 
-    if (channel == click_channel && starts_count != 0) {
+    if (channel == click_channel && count != 0) {
       // Every open start lies within the range after ageing, so the bin
       // needs no range test. The ring is walked as its two contiguous parts.
-      const std::size_t size = starts.size();
-      const std::size_t first_end = std::min(starts_front + starts_count, size);
-      const std::size_t wrapped = starts_front + starts_count - first_end;
-      const TimeDifferencesNDStart *s = starts.data();
+      const std::size_t first_end = std::min(front + count, mask + 1);
+      const std::size_t wrapped = front + count - first_end;
       const std::uint64_t t = static_cast<std::uint64_t>(tag.time);
-      for (std::size_t i = starts_front; i < first_end; ++i) {
-        ++out[binning::binOf<M>(k, t - static_cast<std::uint64_t>(s[i].time)) + s[i].offset];
+      for (std::size_t i = front; i < first_end; ++i) {
+        ++out[binning::binOf<M>(k, t - static_cast<std::uint64_t>(ring[i].time)) + ring[i].offset];
       }
       for (std::size_t i = 0; i < wrapped; ++i) {
-        ++out[binning::binOf<M>(k, t - static_cast<std::uint64_t>(s[i].time)) + s[i].offset];
+        ++out[binning::binOf<M>(k, t - static_cast<std::uint64_t>(ring[i].time)) + ring[i].offset];
       }
     }
   }
-  dropStartsOlderThan(end_time);
+  while (count != 0 && end_time - ring[front].time >= range) {
+    front = (front + 1) & mask;
+    --count;
+  }
+  starts_front = front;
+  starts_count = count;
 }
 
 bool TimeDifferencesND::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t end_time) {
