@@ -232,9 +232,9 @@ void HistogramLogBins::chooseSplit(std::uint64_t starts, std::uint64_t clicks, s
   // is passed once by each of those edges.
   const double start_rate = static_cast<double>(starts) / static_cast<double>(span);
   const double click_rate = static_cast<double>(clicks) / static_cast<double>(span);
-  constexpr double PAIR_COST = 4.0;
-  constexpr double EDGE_COST = 2.0;
-  constexpr double PASS_COST = 1.5;
+  constexpr double PAIR_COST = 1.0;
+  constexpr double EDGE_COST = 5.0;
+  constexpr double PASS_COST = 5.0;
   std::int32_t best = 0;
   double best_cost = 0;
   for (std::int32_t k = 0; k <= n_bins; ++k) {

@@ -116,7 +116,8 @@ TEST(HistogramLogBinsTest, MatchesPairEnumerationWhateverTheBlockCuts) {
     double overflow;
   };
   const Case cases[] = {{-12, -8.5, 60, 2, 1, 0.002},    {-11, -7, 200, 2, 1, 0.002},   {-12.5, -9, 40, 3, 3, 0.002},
-                        {-10, -6.7, 1000, 1, 4, 0.0005}, {-11, -6, 100, 2, 1, 0.00005}, {-9, -8, 1000, 2, 1, 0.002}};
+                        {-10, -6.7, 1000, 1, 4, 0.0005}, {-11, -6, 100, 2, 1, 0.00005}, {-9, -8, 1000, 2, 1, 0.002},
+                        {-11, -6, 10, 2, 1, 0.00005}};
   RandomStreamShape shape;
   shape.n_channels = 4;
   shape.error = 0;
