@@ -107,6 +107,15 @@ std::uint64_t TestTagger::blocksDone() {
 bool TestTagger::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
                            const std::function<void()> &done) {
   std::unique_lock<std::mutex> guard(queue_mutex);
+  // The engine sampled `fence` before this call. If a start or clear took a
+  // fresh fence since, sample again: a block pushed after a start must count.
+  // (Checked with the queue locked: a block seen here was pushed after any
+  // start that its pusher made before.)
+  if (!queue.empty() && getFence(false) != fence) {
+    guard.unlock();
+    lock.unlock();
+    return true;
+  }
   if (queue.empty()) {
     if (!auto_feed) {
       guard.unlock();
