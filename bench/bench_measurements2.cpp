@@ -68,10 +68,12 @@ Stream poissonChannels(const std::vector<std::pair<std::int32_t, double>> &rates
   return s;
 }
 
-// Pushes the stream round after round, each shifted to follow the last.
+// Hands the stream on round after round, each shifted to follow the last:
+// to the engine through the tagger, or straight to a measurement's next_impl.
 class Feeder {
 public:
-  Feeder(TestTagger &tagger_, const Stream &stream_) : tagger(tagger_), stream(stream_) {}
+  Feeder(const Stream &stream_, std::function<void(std::vector<Tag> &, std::int64_t, std::int64_t)> sink_)
+      : stream(stream_), sink(std::move(sink_)) {}
 
   void round() {
     for (std::size_t b = 0; b < stream.blocks.size(); ++b) {
@@ -81,21 +83,42 @@ public:
       const std::int64_t begin = b == 0 ? offset : offset + stream.blocks[b].front().time;
       const std::int64_t end =
           b + 1 < stream.blocks.size() ? offset + stream.blocks[b + 1].front().time : offset + stream.span;
-      tagger.pushCopy(shifted, begin, end);
+      sink(shifted, begin, end);
     }
     offset += stream.span;
   }
 
 private:
-  TestTagger &tagger;
   const Stream &stream;
+  std::function<void(std::vector<Tag> &, std::int64_t, std::int64_t)> sink;
   std::vector<Tag> shifted;
   std::int64_t offset = 1000000;
 };
 
-// Returns the rate of input tags over the timed rounds.
-double runRounds(benchmark::State &state, TestTagger &tagger, const Stream &stream) {
-  Feeder feeder(tagger, stream);
+Feeder engineFeeder(TestTagger &tagger, const Stream &stream) {
+  return Feeder(stream, [&tagger](std::vector<Tag> &tags, std::int64_t begin, std::int64_t end) {
+    tagger.pushCopy(tags, begin, end);
+  });
+}
+
+// Lets the benchmark call the protected hook directly, without the engine.
+template <class M> struct Alone : M {
+  using M::M;
+  using M::next_impl;
+};
+
+template <class M> std::function<void(std::vector<Tag> &, std::int64_t, std::int64_t)> direct(Alone<M> &m, bool alone) {
+  if (!alone)
+    return nullptr;
+  return [&m](std::vector<Tag> &tags, std::int64_t begin, std::int64_t end) { m.next_impl(tags, begin, end); };
+}
+
+// Runs timed rounds through the engine, or straight into `direct` if given,
+// and returns the rate of input tags.
+using Sink = std::function<void(std::vector<Tag> &, std::int64_t, std::int64_t)>;
+
+double runRounds(benchmark::State &state, TestTagger &tagger, const Stream &stream, const Sink &direct = nullptr) {
+  Feeder feeder = direct ? Feeder(stream, direct) : engineFeeder(tagger, stream);
   feeder.round(); // warm-up: rings and queues reach their size
   tagger.waitUntilDone();
   double seconds = 0;
@@ -163,7 +186,7 @@ void BM_HistogramLogBins(benchmark::State &state) {
     TestTagger tagger;
     HistogramLogBins h(&tagger, 2, 1, exp_start, exp_stop, 1000);
     tagger.pushAndWait({}, 0, 0);
-    Feeder(tagger, stream).round();
+    engineFeeder(tagger, stream).round();
     tagger.waitUntilDone();
     std::vector<std::int64_t> edges;
     h.getBinEdges([&](std::size_t n) {
@@ -187,12 +210,18 @@ void BM_HistogramLogBins(benchmark::State &state) {
     h.stop();
   }
   TestTagger tagger;
-  HistogramLogBins h(&tagger, 2, 1, exp_start, exp_stop, 1000);
-  reportNaive(state, naive_seconds, stream.all.size(), runRounds(state, tagger, stream));
+  Alone<HistogramLogBins> h(&tagger, 2, 1, exp_start, exp_stop, 1000);
+  reportNaive(state, naive_seconds, stream.all.size(),
+              runRounds(state, tagger, stream, direct(h, state.range(1) == 0)));
   h.stop();
 }
-// Last edge 1 us (10 starts a window) and 10 us (100 starts).
-BENCHMARK(BM_HistogramLogBins)->Arg(-60)->Arg(-50)->Unit(benchmark::kMillisecond)->UseRealTime();
+// Last edge 1 us (10 starts a window) and 10 us (100 starts); through the
+// engine (1) and alone (0).
+BENCHMARK(BM_HistogramLogBins)
+    ->ArgsProduct({{-60, -50}, {1, 0}})
+    ->ArgNames({"exp_stop_x10", "engine"})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // ---- TimeDifferencesND -------------------------------------------------------
 
@@ -233,7 +262,7 @@ void BM_TimeDifferencesND(benchmark::State &state) {
     TestTagger tagger;
     TimeDifferencesND t(&tagger, 1, 2, {3, 4}, {}, {4, 3}, binwidth, n_bins);
     tagger.pushAndWait({}, 0, 0);
-    Feeder(tagger, stream).round();
+    engineFeeder(tagger, stream).round();
     tagger.waitUntilDone();
     std::vector<std::int32_t> data;
     t.getData([&](std::size_t rows, std::size_t n) {
@@ -249,13 +278,19 @@ void BM_TimeDifferencesND(benchmark::State &state) {
     t.stop();
   }
   TestTagger tagger;
-  TimeDifferencesND t(&tagger, 1, 2, {3, 4}, {}, {4, 3}, binwidth, n_bins);
-  reportNaive(state, naive_seconds, stream.all.size(), runRounds(state, tagger, stream));
+  Alone<TimeDifferencesND> t(&tagger, 1, 2, std::vector<std::int32_t>{3, 4}, std::vector<std::int32_t>{},
+                             std::vector<std::int32_t>{4, 3}, binwidth, n_bins);
+  reportNaive(state, naive_seconds, stream.all.size(),
+              runRounds(state, tagger, stream, direct(t, state.range(1) == 0)));
   t.stop();
 }
 // Bin widths in modes PowerOfTwo (2.048 us range), MulShift32 (2 us) and
 // MulHigh64 (7 us); 5 M starts/s, so 10 to 35 open starts at each click.
-BENCHMARK(BM_TimeDifferencesND)->Arg(2048)->Arg(2000)->Arg(7000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_TimeDifferencesND)
+    ->ArgsProduct({{2048, 2000, 7000}, {1, 0}})
+    ->ArgNames({"binwidth", "engine"})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // ---- the others --------------------------------------------------------------
 

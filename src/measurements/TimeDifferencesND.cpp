@@ -137,7 +137,8 @@ template <class ModeTag> void TimeDifferencesND::process(const std::vector<Tag> 
   std::int32_t *const out = data.data();
   // The ring in locals; refreshed when a start makes it grow.
   TimeDifferencesNDStart *ring = starts.data();
-  std::size_t mask = starts.size() - 1;
+  std::size_t size = starts.size();
+  std::size_t mask = size - 1;
   std::size_t front = starts_front;
   std::size_t count = starts_count;
 
@@ -177,25 +178,30 @@ template <class ModeTag> void TimeDifferencesND::process(const std::vector<Tag> 
       }
     }
 
-    while (count != 0 && tag.time - ring[front].time >= range) {
-      front = (front + 1) & mask;
-      --count;
+    // Every tag is written behind the open starts, and only a start is kept
+    // by counting it: no branch on the channel, which is hard to predict.
+    const bool take = (channel == start_channel) & histogram_valid;
+    if (count == size && take) {
+      starts_front = front;
+      starts_count = count;
+      growStarts();
+      ring = starts.data();
+      size = starts.size();
+      mask = size - 1;
+      front = starts_front;
     }
-
-    if (channel == start_channel && histogram_valid) {
-      if (count == starts.size()) {
-        starts_front = front;
-        starts_count = count;
-        growStarts();
-        ring = starts.data();
-        mask = starts.size() - 1;
-        front = starts_front;
-      }
+    if (count != size) {
       ring[(front + count) & mask] = TimeDifferencesNDStart{tag.time, histogram_offset};
-      ++count;
+      count += take ? 1 : 0;
     }
 
-    if (channel == click_channel && count != 0) {
+    if (channel == click_channel) {
+      // Starts age only where it matters, before a click: the same starts
+      // are gone then as if every tag had aged them, since times only grow.
+      while (count != 0 && tag.time - ring[front].time >= range) {
+        front = (front + 1) & mask;
+        --count;
+      }
       // Every open start lies within the range after ageing, so the bin
       // needs no range test. The ring is walked as its two contiguous parts.
       const std::size_t first_end = std::min(front + count, mask + 1);
