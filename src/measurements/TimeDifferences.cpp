@@ -9,6 +9,14 @@
 
 namespace chronotick {
 
+namespace {
+// First element of a row in data: a 32-bit product, wrapping rather than
+// overflowing.
+inline std::int32_t rowOffset(std::int32_t row, std::int32_t n_bins) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(row) * static_cast<std::uint32_t>(n_bins));
+}
+} // namespace
+
 TimeDifferences::TimeDifferences(ChronotickBase *tagger, std::int32_t click_channel_, std::int32_t start_channel_,
                                  std::int32_t next_channel_, std::int32_t sync_channel_, std::int64_t binwidth_,
                                  std::int32_t n_bins_, std::int32_t n_histograms_)
@@ -33,7 +41,8 @@ TimeDifferences::TimeDifferences(ChronotickBase *tagger, std::int32_t click_chan
   registerChannel(next_channel_);
   registerChannel(sync_channel_);
 
-  data.assign(static_cast<std::size_t>(static_cast<std::uint32_t>(n_bins * n_histograms)), 0);
+  data.assign(static_cast<std::size_t>(static_cast<std::uint32_t>(n_bins) * static_cast<std::uint32_t>(n_histograms)),
+              0);
   range = static_cast<std::int64_t>(n_bins) * binwidth;
   binner = FastBinning(static_cast<std::uint64_t>(binwidth), static_cast<std::uint64_t>(range));
 
@@ -105,7 +114,7 @@ void TimeDifferences::pushStart(std::int64_t time) {
       starts.resize(std::max<std::size_t>(16, 2 * starts.size()));
     }
   }
-  starts[starts_tail++] = TimeDifferencesStart{time, histogram_index, histogram_index * n_bins};
+  starts[starts_tail++] = TimeDifferencesStart{time, histogram_index, rowOffset(histogram_index, n_bins)};
 }
 
 struct TimeDifferencesLoop {
@@ -185,7 +194,7 @@ struct TimeDifferencesLoop {
           td.pushStart(time);
           load();
         } else {
-          queue[tail++] = TimeDifferencesStart{time, index, index * td.n_bins};
+          queue[tail++] = TimeDifferencesStart{time, index, rowOffset(index, td.n_bins)};
         }
       }
       while (head != tail && time - queue[head].time >= range)
