@@ -251,9 +251,14 @@ struct CorrelationLoop {
             break;
           // The tag's side s and the other side o, selected by mask.
           const std::uint64_t m = 0 - static_cast<std::uint64_t>(second); // all ones on side 1
-          if (pick(m, tail1, tail0) == pick(m, 2 * cap, cap)) {
+          // Either queue full: make room in both, which is cheaper per tag
+          // than to work out which one this tag goes to.
+          if ((tail0 == cap) | (tail1 == 2 * cap)) {
             store();
-            c.makeRoom(second ? 1 : 0);
+            if (tail0 == cap)
+              c.makeRoom(0);
+            if (c.recent_tail[1] == 2 * c.recent_capacity)
+              c.makeRoom(1);
             load();
           }
           std::uint64_t head_o = pick(m, head0, head1);
