@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <vector>
@@ -56,33 +55,20 @@ public:
     auto guard = getLock();
     return n_stop;
   }
-  int clears() {
-    auto guard = getLock();
-    return n_clear;
-  }
-
-  std::function<void()> on_block; // runs inside next_impl
 
 protected:
   bool next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) override {
     seen.push_back({tags, begin_time, end_time});
-    if (on_block) {
-      on_block();
-    }
     return false;
   }
   void on_start() override { ++n_start; }
   void on_stop() override { ++n_stop; }
-  void clear_impl() override {
-    ++n_clear;
-    seen.clear();
-  }
+  void clear_impl() override { seen.clear(); }
 
 private:
   std::vector<SeenBlock> seen;
   int n_start = 0;
   int n_stop = 0;
-  int n_clear = 0;
 };
 
 // A virtual channel in miniature: appends a copy of every tag on `channel`
