@@ -122,4 +122,8 @@ TEST(StartStop, PairingEdges) {
   EXPECT_EQ(rowsOf(ss), (Rows{0, 1, 30, 1, 100, 1, 900000, 1}));
   ss.clear();
   EXPECT_TRUE(rowsOf(ss).empty());
+  // Bins hit before the clear start again from nothing.
+  settleFences(tagger);
+  tagger.pushAndWait({tt(2, 2000500), tt(1, 2000800), tt(2, 2000900), tt(1, 2000900)}, 2000400, 2001000);
+  EXPECT_EQ(rowsOf(ss), (Rows{0, 1, 300, 1}));
 }
