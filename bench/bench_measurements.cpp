@@ -238,8 +238,6 @@ void run(benchmark::State &state, const Workload &w, const Spec<M> &spec, double
   for (auto _ : state) {
     state.PauseTiming();
     m->clear();
-    // One empty block flushes a fence read before the clear.
-    tagger.pushAndWait({}, w.edges.front(), w.edges.front());
     // The blocks are handed over, not copied, in the timed part: a device
     // fills the worker's block directly, and the engine's own copy into the
     // worker is what stands for that fill.

@@ -1,6 +1,5 @@
 #include <chronotick/Correlation.h>
 
-#include "support/FreshFences.h"
 #include "support/RandomTagStreams.h"
 #include "support/TestTagger.h"
 
@@ -132,7 +131,6 @@ TEST(Correlation, MatchesDirectPairsInEveryModeAndAnyBlockCuts) {
       for (int variant = 0; variant < 2; ++variant) {
         TestTagger tagger;
         Correlation corr(&tagger, 1, second, c.binwidth, c.n_bins);
-        settleFences(tagger);
         tagger.pushCut(tags, variant ? randomCuts(tags.size(), 30, seed) : std::vector<std::size_t>{}, 0, end);
         tagger.waitUntilDone();
         SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " n_bins " << c.n_bins << " second " << second
@@ -158,7 +156,6 @@ TEST(Correlation, WindowEdgesIndexAndNormalisation) {
   Correlation odd(&tagger, 1, 2, 5, 3);
   // n_bins 4, binwidth 5: half window 10: +10 is dropped, -10 counted in bin 0.
   Correlation even(&tagger, 1, 2, 5, 4);
-  settleFences(tagger);
   std::vector<std::int64_t> index;
   odd.getIndex([&](std::size_t n) {
     index.resize(n);
@@ -184,7 +181,6 @@ TEST(Correlation, WindowEdgesIndexAndNormalisation) {
 TEST(Correlation, OverflowDurationAndErrors) {
   TestTagger tagger;
   Correlation c(&tagger, 1, 2, 10, 100); // half window 500
-  settleFences(tagger);
   // An overflow that spans blocks: only the time outside it counts.
   tagger.pushAndWait({tt(1, 100), makeTag(0, 300, Tag::Type::OverflowBegin)}, 0, 1000);
   tagger.pushAndWait({tt(2, 1200)}, 1000, 2000); // 1200 - 100 > 500: no pair

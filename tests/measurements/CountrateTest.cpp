@@ -1,6 +1,5 @@
 #include <chronotick/Countrate.h>
 
-#include "support/FreshFences.h"
 #include "support/RandomTagStreams.h"
 #include "support/TestTagger.h"
 
@@ -43,7 +42,6 @@ TEST(Countrate, AnchoringMissedEventsAndErrors) {
   Countrate c(&tagger, {1, 2, 1});
   // Nothing seen: 0.0, no division by zero.
   EXPECT_EQ(ratesOf(c), (std::vector<double>{0.0, 0.0, 0.0}));
-  settleFences(tagger); // an empty block [0, 0]: the span is still empty
   EXPECT_EQ(ratesOf(c), (std::vector<double>{0.0, 0.0, 0.0}));
 
   // A block beginning at 0 leaves the anchor open; the first matching tag
@@ -74,7 +72,6 @@ TEST(Countrate, AnchoringMissedEventsAndErrors) {
   c.stop();
   c.start();
   EXPECT_EQ(totalsOf(c), (std::vector<std::int64_t>{0, 0, 0}));
-  settleFences(tagger);
   tagger.pushAndWait({tt(1, 12500000), tt(1, 13000000)}, 12000000, 14000000);
   EXPECT_EQ(ratesOf(c), (std::vector<double>{2e12 / 2e6, 0.0, 2e12 / 2e6}));
 }
@@ -91,7 +88,6 @@ TEST(Countrate, TotalsMatchAPlainCountOverRandomBlocks) {
           expected[i] += t.type == Tag::Type::MissedEvents ? t.missed_events : 1;
     TestTagger tagger;
     Countrate c(&tagger, channels);
-    settleFences(tagger);
     tagger.pushCut(tags, randomCuts(tags.size(), 50, 9), 0, tags.back().time + 1);
     tagger.waitUntilDone();
     EXPECT_EQ(totalsOf(c), expected);

@@ -1,7 +1,6 @@
 #include <chronotick/Flim.h>
 
 #include "TimeDifferencesReference.h"
-#include "support/FreshFences.h"
 #include "support/RandomTagStreams.h"
 #include "support/TestTagger.h"
 
@@ -45,7 +44,6 @@ TEST(Flim, MatchesDirectPairsPerPixelWhateverTheBlockCuts) {
       for (int variant = 0; variant < 2; ++variant) {
         TestTagger tagger;
         Flim flim(&tagger, s.click, s.start, s.next, s.binwidth, s.n_bins, s.n_histograms);
-        settleFences(tagger);
         const std::vector<std::size_t> cuts =
             variant == 0 ? std::vector<std::size_t>{} : randomCuts(tags.size(), 25, seed);
         tagger.pushCut(tags, cuts, 0, tags.back().time + 1);
@@ -59,7 +57,6 @@ TEST(Flim, MatchesDirectPairsPerPixelWhateverTheBlockCuts) {
 TEST(Flim, FramesPixelsAndBreaks) {
   TestTagger tagger;
   Flim flim(&tagger, 1, 2, 3, 10, 10, 2);
-  settleFences(tagger);
   // Before the first pixel clock nothing is recorded.
   tagger.pushAndWait({tt(2, 100), tt(1, 120)}, 0, 200);
   EXPECT_EQ(dataOf(flim), std::vector<std::int32_t>(20, 0));

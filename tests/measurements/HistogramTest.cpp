@@ -1,7 +1,6 @@
 #include <chronotick/Histogram.h>
 
 #include "TimeDifferencesReference.h"
-#include "support/FreshFences.h"
 #include "support/RandomTagStreams.h"
 #include "support/TestTagger.h"
 
@@ -64,7 +63,6 @@ TEST(Histogram, SameChannelCoincidentTagsAndShape) {
   // A click at the time of a start on another channel: bin 0 if the start
   // stands first in the block, nothing if the click does.
   Histogram cross(&tagger, 1, 2, 10, 5);
-  settleFences(tagger);
   tagger.pushAndWait({tt(1, 100), tt(1, 112), tt(1, 149), tt(1, 150), tt(2, 300), tt(1, 300), tt(1, 400), tt(2, 400)},
                      0, 500);
   EXPECT_EQ(dataOf(self), (std::vector<std::int32_t>{7, 1, 0, 2, 1}));
@@ -105,7 +103,6 @@ TEST(Histogram, LifecycleThroughTheEngine) {
     Histogram h(&tagger, s.click, s.start, s.binwidth, s.n_bins);
     const std::int64_t duration = tags[2345].time + 3 - 0;
     h.startFor(duration);
-    settleFences(tagger);
     tagger.pushCut(tags, cuts, 0, end);
     tagger.waitUntilDone();
     std::vector<Tag> before;
@@ -121,12 +118,10 @@ TEST(Histogram, LifecycleThroughTheEngine) {
   {
     TestTagger tagger;
     Histogram h(&tagger, s.click, s.start, s.binwidth, s.n_bins);
-    settleFences(tagger);
     const std::vector<Tag> first(tags.begin(), tags.begin() + 2000);
     const std::vector<Tag> second(tags.begin() + 2000, tags.end());
     tagger.pushAndWait(first, 0, second.front().time);
     h.clear();
-    settleFences(tagger);
     tagger.pushAndWait(second, end);
     EXPECT_EQ(dataOf(h), referenceTimeDifferences(second, s).data);
   }

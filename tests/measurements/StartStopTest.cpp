@@ -1,6 +1,5 @@
 #include <chronotick/StartStop.h>
 
-#include "support/FreshFences.h"
 #include "support/RandomTagStreams.h"
 #include "support/TestTagger.h"
 
@@ -83,7 +82,6 @@ TEST(StartStop, MatchesLookBackPairingInEveryModeAndAnyBlockCuts) {
       for (int variant = 0; variant < 2; ++variant) {
         TestTagger tagger;
         StartStop ss(&tagger, 1, start, binwidth);
-        settleFences(tagger);
         tagger.pushCut(tags, variant ? randomCuts(tags.size(), 40, seed) : std::vector<std::size_t>{}, 0,
                        tags.back().time + 1);
         tagger.waitUntilDone();
@@ -97,7 +95,6 @@ TEST(StartStop, PairingEdges) {
   TestTagger tagger;
   StartStop ss(&tagger, 1, 2, 10);
   StartStop unused_start(&tagger, 1, CHANNEL_UNUSED, 10); // successive intervals on channel 1
-  settleFences(tagger);
   std::size_t columns = 0;
   EXPECT_TRUE(rowsOf(ss, &columns).empty());
   EXPECT_EQ(columns, 2u);
@@ -117,13 +114,11 @@ TEST(StartStop, PairingEdges) {
   tagger.pushAndWait({tt(2, 2000100)}, 2000000, 2000200);
   ss.stop();
   ss.start();
-  settleFences(tagger);
   tagger.pushAndWait({tt(1, 2000300)}, 2000200, 2000400);
   EXPECT_EQ(rowsOf(ss), (Rows{0, 1, 30, 1, 100, 1, 900000, 1}));
   ss.clear();
   EXPECT_TRUE(rowsOf(ss).empty());
   // Bins hit before the clear start again from nothing.
-  settleFences(tagger);
   tagger.pushAndWait({tt(2, 2000500), tt(1, 2000800), tt(2, 2000900), tt(1, 2000900)}, 2000400, 2001000);
   EXPECT_EQ(rowsOf(ss), (Rows{0, 1, 300, 1}));
 }

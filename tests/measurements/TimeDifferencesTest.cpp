@@ -1,7 +1,6 @@
 #include <chronotick/TimeDifferences.h>
 
 #include "TimeDifferencesReference.h"
-#include "support/FreshFences.h"
 #include "support/RandomTagStreams.h"
 #include "support/TestTagger.h"
 
@@ -44,7 +43,6 @@ EngineRun runThroughEngine(const std::vector<Tag> &tags, const std::vector<std::
   TestTagger tagger;
   TimeDifferences td(&tagger, s.click, s.start, s.next, s.sync, s.binwidth, s.n_bins, s.n_histograms);
   td.setMaxCounts(s.max_counts);
-  settleFences(tagger);
   tagger.pushCut(tags, cuts, 0, tags.back().time + 1);
   tagger.waitUntilDone();
   return {dataOf(td), td.getCounts()};
@@ -112,7 +110,6 @@ TEST(TimeDifferences, RowsNextAndSync) {
   {
     TestTagger tagger;
     TimeDifferences td(&tagger, 1, 2, 3, CHANNEL_UNUSED, 10, 10, 3);
-    settleFences(tagger);
     std::vector<Tag> tags;
     std::int64_t t = 1000;
     // A start before the first next is dropped.
@@ -145,7 +142,6 @@ TEST(TimeDifferences, RowsNextAndSync) {
   {
     TestTagger tagger;
     TimeDifferences td(&tagger, 1, 2, 3, 4, 10, 10, 2);
-    settleFences(tagger);
     std::vector<Tag> tags = {tt(2, 100),  tt(1, 105),               // before the first sync: nothing
                              tt(4, 1000), tt(2, 1010), tt(1, 1015), // waiting for the first next: dropped
                              tt(3, 2000), tt(2, 2010), tt(1, 2011), // row 0, bin 0
@@ -167,7 +163,6 @@ TEST(TimeDifferences, RowsNextAndSync) {
   {
     TestTagger tagger;
     TimeDifferences td(&tagger, 1, 2, 3, 4, 10, 100, 3);
-    settleFences(tagger);
     std::vector<Tag> tags = {
         tt(4, 10), tt(3, 20), tt(3, 30), tt(2, 40), tt(3, 50), tt(1, 60), makeTag(2, 70, Tag::Type::MissedEvents, 3),
         tt(1, 80), tt(3, 90), tt(2, 95), tt(1, 99)};
@@ -182,8 +177,7 @@ TEST(TimeDifferences, RowsNextAndSync) {
 TEST(TimeDifferences, MaxCountsAndReady) {
   TestTagger tagger;
   TimeDifferences td(&tagger, 1, 2, 3, CHANNEL_UNUSED, 10, 10, 1); // range 100 ps
-  settleFences(tagger);
-  EXPECT_TRUE(td.ready()); // no limit, no start open
+  EXPECT_TRUE(td.ready());                                         // no limit, no start open
   td.setMaxCounts(1);
   EXPECT_FALSE(td.ready());
   // Row 0 from the first next; the second next wraps and fills the pass.
