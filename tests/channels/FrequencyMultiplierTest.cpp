@@ -21,7 +21,7 @@ std::vector<Tag> referenceMultiplier(const std::vector<Tag> &stream, std::int32_
     for (; g < grid.size() && grid[g] < limit; ++g)
       out.push_back(makeTag(output, grid[g]));
     if (cut_off)
-      grid.clear(), g = 0;
+      grid.resize(g);
   };
   std::int64_t previous = 0; // 0: none
   for (const Tag &tag : stream) {
