@@ -8,11 +8,9 @@ namespace {
 TEST(Library, CreatesAndFreesReplayTaggers) {
   EXPECT_EQ(getVersion(), "2.7.0");
   EXPECT_TRUE(hasChronotickVirtualLicense());
-
-  ChronotickVirtual *a = createChronotickVirtual();
-  ChronotickVirtual *b = createChronotickVirtual();
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
+  // Converted while the taggers live: the conversion to a virtual base reads the object.
+  ChronotickVirtual *a = createChronotickVirtual(), *b = createChronotickVirtual();
+  ChronotickBase *base_a = a, *base_b = b, *base_c = createChronotickVirtual();
   EXPECT_NE(a, b);
   EXPECT_EQ(a->getNewVirtualChannel(), 257); // each is a tagger of its own
   EXPECT_EQ(b->getNewVirtualChannel(), 257);
@@ -20,13 +18,8 @@ TEST(Library, CreatesAndFreesReplayTaggers) {
   int not_a_tagger = 0;
   EXPECT_FALSE(freeChronotick(reinterpret_cast<ChronotickBase *>(&not_a_tagger)));
   EXPECT_FALSE(freeChronotick(nullptr));
-  // Converted while the taggers live: the conversion to a virtual base reads the object.
-  ChronotickBase *base_a = a;
-  ChronotickBase *base_b = b;
-  ChronotickBase *base_c = createChronotickVirtual();
   EXPECT_TRUE(freeChronotick(base_a));
   EXPECT_FALSE(freeChronotick(base_a)); // no longer registered
-
   freeAllChronotick();
   EXPECT_FALSE(freeChronotick(base_b));
   EXPECT_FALSE(freeChronotick(base_c));
