@@ -150,7 +150,6 @@ TEST(Pacing, WaitsForTheWallClockAndReanchorsAfterAStall) {
   const std::int64_t ms = 1000000;           // ns
   const std::int64_t stream_ms = 1000000000; // ps
   EXPECT_EQ(ReplayPacer::step(1.0), 20 * stream_ms);
-  EXPECT_EQ(ReplayPacer::step(0.1), 2 * stream_ms);
 
   pacer.anchor(1000 * ms, 0);
   EXPECT_EQ(pacer.delay(1005 * ms, 20 * stream_ms, 1.0), 15 * ms); // ahead: sleep the rest

@@ -27,7 +27,7 @@ struct Layout {
   std::int64_t size = 0; // without the BLOCK_END of each part
 };
 
-Layout inspect(const std::vector<std::string> &bases) {
+Layout survey(const std::vector<std::string> &bases) {
   Layout layout;
   for (const std::string &base : bases) {
     for (const std::string &part : partFiles(base)) {
@@ -84,7 +84,7 @@ TEST(FileWriter, RoundTripsOfRandomStreams) {
     EXPECT_EQ(firstDifference(readRecording({base}), expected), "");
     EXPECT_EQ(writer.getTotalEvents(), std::int64_t(expected.size()));
     // Part 0 holds the prelude only; every part is whole and shares the id.
-    const Layout layout = inspect({base});
+    const Layout layout = survey({base});
     EXPECT_EQ(writer.getTotalSize(), layout.size);
     EXPECT_EQ(layout.types.at(0), PRELUDE);
     EXPECT_EQ(layout.ids.size(), 1u);
@@ -104,7 +104,7 @@ TEST(FileWriter, PartLayoutAcrossStartStopAndSplit) {
   TestTagger tagger;
   FileWriter writer(&tagger, run + ".ctbin", {1, 2});
   writer.stop();
-  EXPECT_EQ(inspect({run}).types, (std::vector<Types>{PRELUDE, PRELUDE}));
+  EXPECT_EQ(survey({run}).types, (std::vector<Types>{PRELUDE, PRELUDE}));
   writer.split(""); // stopped: nothing happens
   writer.start();
   tagger.pushAndWait({makeTag(1, 50)}, 0, 100);
@@ -118,9 +118,9 @@ TEST(FileWriter, PartLayoutAcrossStartStopAndSplit) {
   tagger.pushAndWait({makeTag(1, 450)}, 500);
   writer.stop();
   const Types one{2, 5, 3, 4, 1};
-  EXPECT_EQ(inspect({run}).types, (std::vector<Types>{PRELUDE, PRELUDE, {2, 5, 3, 4, 6, 4, 1}, one}));
-  EXPECT_EQ(inspect({other}).types, (std::vector<Types>{PRELUDE, one, one}));
-  const Layout both = inspect({run, other});
+  EXPECT_EQ(survey({run}).types, (std::vector<Types>{PRELUDE, PRELUDE, {2, 5, 3, 4, 6, 4, 1}, one}));
+  EXPECT_EQ(survey({other}).types, (std::vector<Types>{PRELUDE, one, one}));
+  const Layout both = survey({run, other});
   EXPECT_EQ(both.ids.size(), 1u);
   EXPECT_EQ(writer.getTotalSize(), both.size);
   EXPECT_EQ(writer.getTotalEvents(), 5);

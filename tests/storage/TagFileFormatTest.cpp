@@ -153,56 +153,6 @@ TEST(TagFileFormat, PackingRules) {
   EXPECT_EQ(writer.getEvents(), 1 + 1 + 1 + 1 + 2 + 1 + 1);
 }
 
-TEST(TagFileFormat, WriterLayoutOnDisk) {
-  TempDir dir;
-  const ctbin::FileId id{0xA1, 0xB2, 0xC3, 0xD4};
-  // 255 words are stored raw, 256 compressible words as LZ4, noise raw again.
-  std::vector<Tag> blocks[3];
-  std::mt19937_64 random(5);
-  for (int i = 1; i <= 256; ++i) {
-    if (i < 256)
-      blocks[0].push_back(makeTag(1, 10 * i));
-    blocks[1].push_back(makeTag(2, 10000 + 10 * i));
-  }
-  for (std::int64_t i = 0, t = 20000; i < 400; ++i)
-    blocks[2].push_back(makeTag(1 + int(random() % 2), t += std::int64_t(random() % W24)));
-  {
-    TagFileWriter writer(dir / "layout", 3, id);
-    writer.writeConfiguration(std::string(16, 'c'));
-    writer.writeChannelList({{1, -1}, {2, -2}});
-    writer.writeMarker(std::string(17, 'm')); // 15 bytes of padding
-    for (int b = 0; b < 3; ++b) {
-      ctbin::TagBlock *block = writer.pack(blocks[b], b ? blocks[b - 1].back().time + 1 : 0, blocks[b].back().time + 1);
-      writer.seal(block);
-      writer.write(block);
-      writer.recycle(block);
-    }
-  }
-  const std::string bytes = readFile(dir / "layout.3.ctbin");
-  const auto info = walkBlocks(bytes);
-  Words types;
-  for (const BlockInfo &b : info)
-    types.push_back(b.type);
-  ASSERT_EQ(types, (Words{2, 5, 3, 6, 4, 4, 4, 1}));
-  EXPECT_EQ((load<std::array<std::uint32_t, 4>>(bytes, 16)), (std::array<std::uint32_t, 4>{16, 1, 1, 0}));
-  EXPECT_EQ(load<ctbin::FileId>(bytes, 32), id);
-  EXPECT_EQ(info[3].size, 17u);
-  EXPECT_EQ(bytes.substr(info[3].offset + 16 + 17, 15), std::string(15, '\0'));
-  for (int b = 0; b < 3; ++b) {
-    const auto record = load<ctbin::TimeTagBlockRecord>(bytes, info[4 + b].offset + 16);
-    EXPECT_EQ(info[4 + b].size, 144 + record.stored_size);
-    EXPECT_EQ(record.compression, b == 1 ? 1u : 0u) << b;
-    EXPECT_EQ(record.stored_size < blocks[b].size() * 4, b == 1) << b;
-  }
-  // The reader, checked on crafted files, verifies the rest: channel map,
-  // alignment, hashes and signatures.
-  const ReadResult read = readAll(dir / "layout.3.ctbin");
-  EXPECT_TRUE(read.log.empty());
-  ASSERT_EQ(read.blocks.size(), 3u);
-  for (int b = 0; b < 3; ++b)
-    EXPECT_EQ(firstDifference(read.blocks[b], blocks[b]), "") << b;
-}
-
 TEST(TagFileFormat, ReaderDecodesCraftedFile) {
   TempDir dir;
   const std::string name = dir / "crafted.ctbin";
@@ -290,48 +240,74 @@ TEST(TagFileFormat, ReaderMessages) {
   EXPECT_EQ(readAll(name, false).blocks.size(), 1u);
 }
 
-TEST(TagFileFormat, CutRecordings) {
-  // Every prefix of a recording yields exactly the whole time tag blocks in it.
+TEST(TagFileFormat, WriterLayoutAndCutRecordings) {
   TempDir dir;
+  const ctbin::FileId id{0xA1, 0xB2, 0xC3, 0xD4};
+  // 255 words are stored raw, 256 compressible words as LZ4, noise raw again.
+  std::vector<Tag> blocks[3];
+  std::mt19937_64 random(5);
+  for (int i = 1; i <= 256; ++i) {
+    if (i < 256)
+      blocks[0].push_back(makeTag(1, 10 * i));
+    blocks[1].push_back(makeTag(2, 10000 + 10 * i));
+  }
+  for (std::int64_t i = 0, t = 20000; i < 400; ++i)
+    blocks[2].push_back(makeTag(1 + int(random() % 2), t += std::int64_t(random() % W24)));
   {
-    TagFileWriter writer(dir / "cut", 1, {5, 6, 7, 8});
-    writer.writeConfiguration("{}");
+    TagFileWriter writer(dir / "rec", 3, id);
+    writer.writeConfiguration(std::string(16, 'c'));
     writer.writeChannelList({{1, -1}, {2, -2}});
-    std::int64_t t = 0;
-    std::mt19937 random(11);
-    for (int b = 0; b < 5; ++b) {
-      std::vector<Tag> tags;
-      for (int i = 0; i < (b == 2 ? 400 : 20 + b); ++i) // block 2 is compressed
-        tags.push_back(makeTag(1 + int(random() % 2), t += b == 2 ? 3 : std::int64_t(random() % 100000)));
-      ctbin::TagBlock *block = writer.pack(tags, t - 1000000, t + 1);
+    for (int b = 0; b < 3; ++b) {
+      ctbin::TagBlock *block = writer.pack(blocks[b], b ? blocks[b - 1].back().time + 1 : 0, blocks[b].back().time + 1);
       writer.seal(block);
       writer.write(block);
       writer.recycle(block);
-      if (b == 1)
-        writer.writeMarker("between");
+      if (b == 0)
+        writer.writeMarker(std::string(17, 'm')); // 15 bytes of padding
     }
   }
-  const std::string full = readFile(dir / "cut.1.ctbin");
-  const ReadResult whole = readAll(dir / "cut.1.ctbin");
-  ASSERT_EQ(whole.blocks.size(), 5u);
+  const std::string full = readFile(dir / "rec.3.ctbin");
+  const auto info = walkBlocks(full);
+  Words types;
+  for (const BlockInfo &b : info)
+    types.push_back(b.type);
+  ASSERT_EQ(types, (Words{2, 5, 3, 4, 6, 4, 4, 1}));
+  EXPECT_EQ((load<std::array<std::uint32_t, 4>>(full, 16)), (std::array<std::uint32_t, 4>{16, 1, 1, 0}));
+  EXPECT_EQ(load<ctbin::FileId>(full, 32), id);
+  EXPECT_EQ(info[4].size, 17u);
+  EXPECT_EQ(full.substr(info[4].offset + 16 + 17, 15), std::string(15, '\0'));
+  for (int b = 0; b < 3; ++b) {
+    const BlockInfo &block = info[b == 0 ? 3 : 4 + b];
+    const auto record = load<ctbin::TimeTagBlockRecord>(full, block.offset + 16);
+    EXPECT_EQ(block.size, 144 + record.stored_size);
+    EXPECT_EQ(record.compression, b == 1 ? 1u : 0u) << b;
+    EXPECT_EQ(record.stored_size < blocks[b].size() * 4, b == 1) << b;
+  }
+  // The reader, checked on crafted files, verifies the rest: channel map,
+  // alignment, hashes and signatures.
+  const ReadResult whole = readAll(dir / "rec.3.ctbin");
   EXPECT_TRUE(whole.log.empty());
+  ASSERT_EQ(whole.blocks.size(), 3u);
+  for (int b = 0; b < 3; ++b)
+    EXPECT_EQ(firstDifference(whole.blocks[b], blocks[b]), "") << b;
 
+  // Every prefix of the file yields exactly the whole time tag blocks in it.
   const std::string cut_name = dir / "copy.ctbin";
   for (std::size_t length = 0; length <= full.size(); ++length) {
     writeFile(cut_name, full.substr(0, length));
     std::size_t expected = 0;
-    for (const BlockInfo &info : walkBlocks(full))
-      expected += info.type == 4 && info.end <= length;
+    for (const BlockInfo &block : info)
+      expected += block.type == 4 && block.end <= length;
     const ReadResult part = readAll(cut_name);
     ASSERT_EQ(part.blocks.size(), expected) << "cut at " << length;
     for (std::size_t i = 0; i < expected; ++i)
-      ASSERT_EQ(firstDifference(part.blocks[i], whole.blocks[i]), "") << "cut at " << length;
+      ASSERT_EQ(firstDifference(part.blocks[i], blocks[i]), "") << "cut at " << length;
     ASSERT_EQ(part.log.empty(), length == full.size()) << "cut at " << length;
   }
   // A writer killed before its close: no BLOCK_END, all blocks, two messages.
   writeFile(cut_name, full.substr(0, full.size() - 16));
   const ReadResult killed = readAll(cut_name);
-  EXPECT_EQ(killed.blocks.size(), 5u);
+  EXPECT_EQ(killed.blocks.size(), 3u);
   ASSERT_EQ(killed.log.size(), 2u);
   EXPECT_TRUE(endsWith(killed.log[0], "File access failed"));
   EXPECT_TRUE(endsWith(killed.log[1], "Incorrect Header"));

@@ -1,6 +1,6 @@
 #pragma once
 
-// Helpers for tests of recordings: a scratch directory, file inspection that
+// Helpers for tests of recordings: a scratch directory, reading of files that
 // bypasses the codec, random block streams and an independent model of what
 // a recording of them gives back.
 
@@ -123,7 +123,7 @@ inline std::vector<Block> randomBlocks(std::uint64_t seed, const StreamOptions &
   std::mt19937_64 random(seed);
   auto chance = [&](int percent) { return int(random() % 100) < percent; };
   const std::int64_t b24 = std::int64_t(1) << 24, b48 = std::int64_t(1) << 48;
-  const std::int64_t special[] = {b24 - 1, b24, b24 + 1, 2 * b24, b48 - 1, b48, b48 + 1, b48 + b24, b48 + b24 - 1, 0};
+  const std::int64_t boundary[] = {b24 - 1, b24, b24 + 1, 2 * b24, b48 - 1, b48, b48 + 1, b48 + b24, b48 + b24 - 1, 0};
   std::vector<Block> blocks;
   std::int64_t t = o.start_time;
   bool overflow = false;
@@ -133,7 +133,7 @@ inline std::vector<Block> randomBlocks(std::uint64_t seed, const StreamOptions &
     for (int i = 0; i < n; ++i) {
       std::int64_t delta = std::int64_t(random() % 2000);
       if (o.huge_deltas && chance(3))
-        delta = special[random() % std::size(special)];
+        delta = boundary[random() % std::size(boundary)];
       else if (chance(5))
         delta = std::int64_t(random() % (1u << 30));
       Tag tag = makeTag(channels[random() % std::size(channels)], 0);
