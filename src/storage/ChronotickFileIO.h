@@ -155,6 +155,10 @@ public:
   // Returns the block to this writer's pool.
   void recycle(ctbin::TagBlock *block);
 
+  // A new part of a recording continues the overflow state of the last one.
+  bool inOverflow() const { return overflow; }
+  void continueOverflow(bool in_overflow) { overflow = in_overflow; }
+
   std::int64_t getBytes() const { return bytes; }
   std::int64_t getEvents() const { return events; }
   const std::string &getFileName() const { return file_name; }

@@ -45,6 +45,8 @@ void FileWriter::openPart() {
   auto part = std::make_shared<TagFileWriter>(base_name, next_part_index++, file_id);
   part->writeConfiguration(tagger ? tagger->getConfiguration() : std::string());
   part->writeChannelList(channels);
+  if (current) // a rotation inside an overflow stretch must not turn its missed events into time tags
+    part->continueOverflow(current->inOverflow());
   std::shared_ptr<TagFileWriter> previous;
   {
     std::lock_guard<std::mutex> guard(part_mutex);
