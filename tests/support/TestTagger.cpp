@@ -139,9 +139,13 @@ bool TestTagger::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, s
     ++handed;
   } else {
     Block &block = queue.front();
-    // Copied rather than swapped: the worker keeps its vector, as with a real
-    // source, so that vectors swapped by virtual channels keep their sizes.
-    worker.tags.assign(block.tags.begin(), block.tags.end());
+    // Swapped only when that doesn't shrink the worker's vector, so that once
+    // warm the workers allocate nothing, as with a real source; else copied.
+    if (block.tags.capacity() >= worker.tags.capacity()) {
+      worker.tags.swap(block.tags);
+    } else {
+      worker.tags.assign(block.tags.begin(), block.tags.end());
+    }
     worker.begin_time = block.begin_time;
     worker.end_time = block.end_time;
     if (block.tags.capacity() != 0 && spare.size() < 64) {
