@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs the whole test suite: the optimised build with
-# warnings as errors, the concurrency tests under ThreadSanitizer and the
-# storage tests under AddressSanitizer. Installs what is missing first.
+# warnings as errors, then every suite again under ThreadSanitizer and under
+# AddressSanitizer with UndefinedBehaviorSanitizer. Installs what is missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,12 +12,12 @@ cmake --preset ci >/dev/null
 cmake --build --preset ci
 ctest --preset ci
 
-echo "== ThreadSanitizer: engine and virtual channels =="
+echo "== ThreadSanitizer: all suites =="
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan
 ctest --preset tsan
 
-echo "== AddressSanitizer: storage and replay =="
+echo "== AddressSanitizer and UndefinedBehaviorSanitizer: all suites =="
 cmake --preset asan >/dev/null
 cmake --build --preset asan
 ctest --preset asan

@@ -14,7 +14,8 @@ std::vector<Tag> dumped(const std::string &name) {
   const std::string bytes = readFile(name);
   EXPECT_EQ(bytes.size() % sizeof(Tag), 0u);
   std::vector<Tag> tags(bytes.size() / sizeof(Tag));
-  std::memcpy(tags.data(), bytes.data(), tags.size() * sizeof(Tag));
+  if (!tags.empty())
+    std::memcpy(tags.data(), bytes.data(), tags.size() * sizeof(Tag));
   return tags;
 }
 
