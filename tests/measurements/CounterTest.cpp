@@ -1,37 +1,12 @@
 #include <chronotick/Counter.h>
 
-#include "support/RandomTagStreams.h"
-#include "support/TestTagger.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <stdexcept>
-#include <vector>
+#include "support/MeasurementHelpers.h"
 
 using namespace chronotick;
 using namespace chronotick::testing;
-
-namespace {
-
-std::vector<std::int32_t> dataOf(Counter &c, std::size_t *rows = nullptr) {
-  std::vector<std::int32_t> out;
-  c.getData([&](std::size_t n_rows, std::size_t n) {
-    if (rows)
-      *rows = n_rows;
-    out.assign(n_rows * n, -7);
-    return out.data();
-  });
-  return out;
-}
-
-Tag tt(std::int32_t channel, std::int64_t time) {
-  return makeTag(channel, time);
-}
-
 using V = std::vector<std::int32_t>;
 
-} // namespace
+static const auto dataOf = [](Counter &c) { return fetch(c, &Counter::getData); };
 
 TEST(Counter, RingRowsAndBreaks) {
   TestTagger tagger;
@@ -67,42 +42,32 @@ TEST(Counter, RingRowsAndBreaks) {
   tagger.pushAndWait({}, 62, 72);
   EXPECT_EQ(dataOf(c), (V{1, 1, 0, /**/ 0, 1, 0, /**/ 1, 1, 0}));
 
-  std::vector<std::int64_t> index;
-  c.getIndex([&](std::size_t n) {
-    index.resize(n);
-    return index.data();
-  });
-  EXPECT_EQ(index, (std::vector<std::int64_t>{0, 10, 20}));
+  EXPECT_EQ(fetch(c, &Counter::getIndex), (std::vector<std::int64_t>{0, 10, 20}));
   c.clear();
   EXPECT_EQ(dataOf(c), V(9, 0));
 }
 
 TEST(Counter, SetBinPositionEdges) {
-  // A gap of exactly (n_values + 1) * binwidth takes the clear path: the ring
-  // is emptied and the grid moves to multiples of binwidth minus 1 ps.
-  {
+  // After a tag at 5, a gap of exactly (n_values + 1) * binwidth to the tag
+  // at 50 takes the clear path: the ring is emptied and the grid moves to
+  // multiples of binwidth minus 1 ps, so the new bin ends at 59. One
+  // picosecond shorter walks the ring to [40,50), which takes 49, and keeps
+  // the old grid.
+  struct Case {
+    std::int64_t tag, edge;
+    V before, after;
+  };
+  for (const Case &c : {Case{50, 59, {0, 0, 0}, {0, 0, 1}}, Case{49, 60, {0, 0, 1}, {0, 1, 0}}}) {
     TestTagger tagger;
-    Counter c(&tagger, {1}, 10, 3);
+    Counter counter(&tagger, {1}, 10, 3);
     tagger.pushAndWait({tt(1, 5)}, 0, 10); // bin [0,10) complete, [10,20) filling
-    EXPECT_EQ(dataOf(c), (V{0, 0, 1}));
-    tagger.pushAndWait({tt(1, 50)}, 10, 52); // 50 = 10 + 4 * 10
-    EXPECT_EQ(dataOf(c), (V{0, 0, 0}));
-    tagger.pushAndWait({}, 52, 58); // the new bin began at 49 and ends at 59
-    EXPECT_EQ(dataOf(c), (V{0, 0, 0}));
-    tagger.pushAndWait({}, 58, 59);
-    EXPECT_EQ(dataOf(c), (V{0, 0, 1}));
-  }
-  // One picosecond shorter walks the ring and keeps the old grid.
-  {
-    TestTagger tagger;
-    Counter c(&tagger, {1}, 10, 3);
-    tagger.pushAndWait({tt(1, 5)}, 0, 10);
-    tagger.pushAndWait({tt(1, 49)}, 10, 52); // the ring walks to [40,50), which takes 49
-    EXPECT_EQ(dataOf(c), (V{0, 0, 1}));
-    tagger.pushAndWait({}, 52, 59);
-    EXPECT_EQ(dataOf(c), (V{0, 0, 1}));
-    tagger.pushAndWait({}, 59, 60);
-    EXPECT_EQ(dataOf(c), (V{0, 1, 0}));
+    EXPECT_EQ(dataOf(counter), (V{0, 0, 1}));
+    tagger.pushAndWait({tt(1, c.tag)}, 10, 52);
+    EXPECT_EQ(dataOf(counter), c.before);
+    tagger.pushAndWait({}, 52, c.edge - 1);
+    EXPECT_EQ(dataOf(counter), c.before) << c.tag;
+    tagger.pushAndWait({}, c.edge - 1, c.edge);
+    EXPECT_EQ(dataOf(counter), c.after) << c.tag;
   }
   // n_values 1: a ring of two slots, one reported; an empty channel list still
   // walks the ring and reports no rows.
@@ -114,21 +79,13 @@ TEST(Counter, SetBinPositionEdges) {
     EXPECT_EQ(dataOf(one), (V{2}));
     tagger.pushAndWait({}, 199, 200);
     EXPECT_EQ(dataOf(one), (V{1}));
-    std::size_t rows = 99;
-    EXPECT_TRUE(dataOf(none, &rows).empty());
-    EXPECT_EQ(rows, 0u);
+    std::vector<std::size_t> shape;
+    EXPECT_TRUE(fetch(none, &Counter::getData, &shape).empty());
+    EXPECT_EQ(shape[0], 0u);
   }
   // Checks, binwidth first, before any channel is registered.
   TestTagger tagger;
-  auto message = [&](std::int64_t bw, std::int32_t n) -> std::string {
-    try {
-      Counter c(&tagger, {3}, bw, n);
-    } catch (const std::invalid_argument &e) {
-      return e.what();
-    }
-    return "";
-  };
-  EXPECT_EQ(message(0, 0), "binwidth must be at least 1 ps");
-  EXPECT_EQ(message(1, 0), "n_values must be at least 1");
+  EXPECT_EQ(messageOf([&] { Counter(&tagger, {3}, 0, 0); }), "binwidth must be at least 1 ps");
+  EXPECT_EQ(messageOf([&] { Counter(&tagger, {3}, 1, 0); }), "n_values must be at least 1");
   EXPECT_EQ(tagger.registrations(3), 0);
 }

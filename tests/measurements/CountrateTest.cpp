@@ -1,48 +1,20 @@
 #include <chronotick/Countrate.h>
 
-#include "support/RandomTagStreams.h"
-#include "support/TestTagger.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <vector>
+#include "support/MeasurementHelpers.h"
 
 using namespace chronotick;
 using namespace chronotick::testing;
+using D = std::vector<double>;
+using I = std::vector<std::int64_t>;
 
-namespace {
-
-std::vector<double> ratesOf(Countrate &c) {
-  std::vector<double> out;
-  c.getData([&](std::size_t n) {
-    out.assign(n, -1.0);
-    return out.data();
-  });
-  return out;
-}
-
-std::vector<std::int64_t> totalsOf(Countrate &c) {
-  std::vector<std::int64_t> out;
-  c.getCountsTotal([&](std::size_t n) {
-    out.assign(n, -1);
-    return out.data();
-  });
-  return out;
-}
-
-Tag tt(std::int32_t channel, std::int64_t time) {
-  return makeTag(channel, time);
-}
-
-} // namespace
+static const auto ratesOf = [](Countrate &c) { return fetch(c, &Countrate::getData); };
+static const auto totalsOf = [](Countrate &c) { return fetch(c, &Countrate::getCountsTotal); };
 
 TEST(Countrate, AnchoringMissedEventsAndErrors) {
   TestTagger tagger;
   Countrate c(&tagger, {1, 2, 1});
   // Nothing seen: 0.0, no division by zero.
-  EXPECT_EQ(ratesOf(c), (std::vector<double>{0.0, 0.0, 0.0}));
-  EXPECT_EQ(ratesOf(c), (std::vector<double>{0.0, 0.0, 0.0}));
+  EXPECT_EQ(ratesOf(c), D(3, 0.0));
 
   // A block beginning at 0 leaves the anchor open; the first matching tag
   // sets it. Overflow marks are ignored, MissedEvents count their events.
@@ -51,29 +23,29 @@ TEST(Countrate, AnchoringMissedEventsAndErrors) {
                       tt(2, 1800000)},
                      0, 3000000);
   // Span 1 us to 3 us.
-  EXPECT_EQ(ratesOf(c), (std::vector<double>{1 * 1e12 / 2e6, 501 * 1e12 / 2e6, 1 * 1e12 / 2e6}));
-  EXPECT_EQ(totalsOf(c), (std::vector<std::int64_t>{1, 501, 1}));
+  EXPECT_EQ(ratesOf(c), (D{1 * 1e12 / 2e6, 501 * 1e12 / 2e6, 1 * 1e12 / 2e6}));
+  EXPECT_EQ(totalsOf(c), (I{1, 501, 1}));
 
   // An Error restarts the rate at the next matching tag; the totals go on.
   tagger.pushAndWait(
       {tt(1, 3500000), makeTag(0, 4000000, Tag::Type::Error), tt(3, 4500000), tt(2, 5000000), tt(1, 6000000)}, 3000000,
       9000000);
-  EXPECT_EQ(ratesOf(c), (std::vector<double>{1 * 1e12 / 4e6, 1 * 1e12 / 4e6, 1 * 1e12 / 4e6}));
-  EXPECT_EQ(totalsOf(c), (std::vector<std::int64_t>{3, 502, 3}));
+  EXPECT_EQ(ratesOf(c), (D{1 * 1e12 / 4e6, 1 * 1e12 / 4e6, 1 * 1e12 / 4e6}));
+  EXPECT_EQ(totalsOf(c), (I{3, 502, 3}));
 
   // An Error without a later tag: the anchor falls on the block's end, and
   // the next block's span counts from there.
   tagger.pushAndWait({makeTag(0, 9500000, Tag::Type::Error)}, 9000000, 10000000);
-  EXPECT_EQ(ratesOf(c), (std::vector<double>{0.0, 0.0, 0.0}));
+  EXPECT_EQ(ratesOf(c), D(3, 0.0));
   tagger.pushAndWait({tt(2, 10500000)}, 10000000, 12000000);
-  EXPECT_EQ(ratesOf(c), (std::vector<double>{0.0, 1e12 / 2e6, 0.0}));
+  EXPECT_EQ(ratesOf(c), (D{0.0, 1e12 / 2e6, 0.0}));
 
   // start begins afresh, the totals included.
   c.stop();
   c.start();
-  EXPECT_EQ(totalsOf(c), (std::vector<std::int64_t>{0, 0, 0}));
+  EXPECT_EQ(totalsOf(c), I(3, 0));
   tagger.pushAndWait({tt(1, 12500000), tt(1, 13000000)}, 12000000, 14000000);
-  EXPECT_EQ(ratesOf(c), (std::vector<double>{2e12 / 2e6, 0.0, 2e12 / 2e6}));
+  EXPECT_EQ(ratesOf(c), (D{2e12 / 2e6, 0.0, 2e12 / 2e6}));
 }
 
 TEST(Countrate, TotalsMatchAPlainCountOverRandomBlocks) {
@@ -81,15 +53,11 @@ TEST(Countrate, TotalsMatchAPlainCountOverRandomBlocks) {
   // A list with a repeat is scanned, one without is looked up in a table.
   for (const std::vector<std::int32_t> &channels :
        {std::vector<std::int32_t>{2, 5, 7, 5}, std::vector<std::int32_t>{8, 3, 1}}) {
-    std::vector<std::int64_t> expected(channels.size(), 0);
+    I expected(channels.size(), 0);
     for (const Tag &t : tags)
       for (std::size_t i = 0; i < channels.size(); ++i)
         if (t.channel == channels[i] && (t.type == Tag::Type::TimeTag || t.type == Tag::Type::MissedEvents))
           expected[i] += t.type == Tag::Type::MissedEvents ? t.missed_events : 1;
-    TestTagger tagger;
-    Countrate c(&tagger, channels);
-    tagger.pushCut(tags, randomCuts(tags.size(), 50, 9), 0, tags.back().time + 1);
-    tagger.waitUntilDone();
-    EXPECT_EQ(totalsOf(c), expected);
+    EXPECT_EQ(runCut<Countrate>(tags, randomCuts(tags.size(), 50, 9), totalsOf, channels), expected);
   }
 }

@@ -1,28 +1,11 @@
 #include <chronotick/Scope.h>
 
-#include "support/RandomTagStreams.h"
-#include "support/TestTagger.h"
-
-#include <gtest/gtest.h>
-
-#include <vector>
+#include "support/MeasurementHelpers.h"
 
 using namespace chronotick;
 using namespace chronotick::testing;
-
-namespace {
-
-// A worker samples the fence before it takes a block, so a block pushed
-// right after a start or clear may carry the fence from before it. One empty
-// block through the chain flushes such a read.
-void settle(TestTagger &tagger) {
-  const std::int64_t t = tagger.lastEndTime();
-  tagger.pushAndWait({}, t, t);
-}
-
 using Trace = std::vector<Event>;
-
-} // namespace
+using Traces = std::vector<Trace>;
 
 namespace chronotick {
 // Found by argument lookup from the comparisons of traces below.
@@ -41,7 +24,6 @@ TEST(ScopeTest, LevelsDeadTimeAndWindowsInFixedMode) {
   // Watched: inputs 1 and 2, both edges each; trigger on 3; 1 ns windows.
   Scope scope(&tagger, {1, 2}, 3, 1000, 2, 10);
   tagger.setDeadtime(1, 5000); // too late: the scope keeps what it read
-  settle(tagger);
   EXPECT_FALSE(scope.ready());
   EXPECT_EQ(scope.getWindowSize(), 1000);
 
@@ -55,11 +37,8 @@ TEST(ScopeTest, LevelsDeadTimeAndWindowsInFixedMode) {
   // Input 2 rose before the trigger. An edge at exactly the window's end is
   // left out.
   tagger.pushAndWait({makeTag(-2, 1100)}, 600, 1200);
-  auto data = scope.getData();
-  ASSERT_EQ(data.size(), 4u);
-  EXPECT_EQ(data[0], (Trace{{0, LevelLow}, {50, LevelHigh}, {300, LevelLow}, {350, LevelUnknown}}));
-  EXPECT_EQ(data[1], (Trace{{0, LevelHigh}}));
-  EXPECT_TRUE(data[2].empty() && data[3].empty());
+  const Trace first{{0, LevelLow}, {50, LevelHigh}, {300, LevelLow}, {350, LevelUnknown}};
+  EXPECT_EQ(scope.getData(), (Traces{first, {{0, LevelHigh}}, {}, {}}));
   EXPECT_FALSE(scope.ready()); // one trace of two
 
   // The second trace starts with the levels known so far. The trigger tag is
@@ -67,57 +46,49 @@ TEST(ScopeTest, LevelsDeadTimeAndWindowsInFixedMode) {
   // channel at the same time; an edge at the trigger's time is, at 0.
   tagger.pushAndWait({makeTag(3, 1300), makeTag(3, 1300), makeTag(2, 1300), makeTag(3, 1500), makeTag(-1, 1510)}, 1200,
                      2400);
-  data = scope.getData();
-  EXPECT_EQ(data[2], (Trace{{0, LevelHigh}, {210, LevelLow}}));
-  EXPECT_EQ(data[3], (Trace{{0, LevelLow}, {0, LevelHigh}}));
+  // The first trace is closed.
+  const Trace second1{{0, LevelHigh}, {210, LevelLow}}, second2{{0, LevelLow}, {0, LevelHigh}};
+  EXPECT_EQ(scope.getData(), (Traces{first, {{0, LevelHigh}}, second1, second2}));
   EXPECT_EQ(scope.triggered(), 2); // the trigger at 1500 found no trace left
   EXPECT_TRUE(scope.ready());
-  EXPECT_EQ(data[0].size(), 4u); // the first trace is closed
 
   // Lost data ends the open windows with unknown events and forgets the
   // levels; a clear rearms.
   scope.clear();
-  settle(tagger);
   EXPECT_FALSE(scope.ready());
   EXPECT_EQ(scope.triggered(), 0);
   tagger.pushAndWait({makeTag(1, 2500), makeTag(3, 2600), makeTag(0, 2800, Tag::Type::OverflowBegin),
                       makeTag(0, 2900, Tag::Type::OverflowEnd), makeTag(3, 3000)},
                      2400, 3050);
-  data = scope.getData();
-  EXPECT_EQ(data[0], (Trace{{0, LevelHigh}, {200, LevelUnknown}}));
-  EXPECT_EQ(data[1], (Trace{{0, LevelUnknown}, {200, LevelUnknown}}));
-  EXPECT_EQ(data[2], (Trace{{0, LevelUnknown}})); // the second trigger: levels forgotten
-  EXPECT_EQ(data[3], (Trace{{0, LevelUnknown}}));
+  // At the second trigger the levels are forgotten.
+  const Trace unknown{{0, LevelUnknown}};
+  EXPECT_EQ(
+      scope.getData(),
+      (Traces{{{0, LevelHigh}, {200, LevelUnknown}}, {{0, LevelUnknown}, {200, LevelUnknown}}, unknown, unknown}));
   EXPECT_FALSE(scope.ready()); // the second window is open
   tagger.pushAndWait({}, 3050, 4000);
   EXPECT_TRUE(scope.ready());
-  scope.stop();
 
   // With one event a list, the window is full at its first event and ends
   // at the next block's end.
   Scope single(&tagger, {1}, 3, 1000000, 1, 1);
-  settle(tagger);
   tagger.pushAndWait({makeTag(3, 5000), makeTag(1, 5010), makeTag(-1, 5020)}, 4000, 6000);
   EXPECT_TRUE(single.ready());
-  EXPECT_EQ(single.getData()[0], (Trace{{0, LevelUnknown}}));
-  single.stop();
+  EXPECT_EQ(single.getData(), Traces{unknown});
 
   // No channels: the trigger only counts, and its window ends at once.
   Scope none(&tagger, {}, 3, 1000000, 2, 10);
-  settle(tagger);
   tagger.pushAndWait({makeTag(3, 7000)}, 6000, 7001);
   EXPECT_TRUE(none.getData().empty());
   EXPECT_EQ(none.triggered(), 1);
   EXPECT_FALSE(none.ready());
   tagger.pushAndWait({makeTag(3, 8000)}, 7001, 8001);
   EXPECT_TRUE(none.ready());
-  none.stop();
 }
 
 TEST(ScopeTest, ContinuousModePublishesEachWindow) {
   TestTagger tagger;
   Scope scope(&tagger, {1}, 3, 500, 0, 100);
-  settle(tagger);
   EXPECT_FALSE(scope.ready());
   tagger.pushAndWait({makeTag(1, 10), makeTag(3, 100), makeTag(-1, 200), makeTag(3, 300), makeTag(1, 400)}, 0, 550);
   EXPECT_FALSE(scope.ready()); // the window is open until 600
@@ -125,7 +96,7 @@ TEST(ScopeTest, ContinuousModePublishesEachWindow) {
   EXPECT_TRUE(scope.ready());
   EXPECT_EQ(scope.triggered(), 0); // rearmed
   // The second trigger inside the window opened nothing.
-  const std::vector<Trace> first{{{0, LevelHigh}, {100, LevelLow}, {300, LevelHigh}}};
+  const Traces first{{{0, LevelHigh}, {100, LevelLow}, {300, LevelHigh}}};
   EXPECT_EQ(scope.getData(), first);
 
   // While the next window is recorded, the client sees the last one.
@@ -134,7 +105,7 @@ TEST(ScopeTest, ContinuousModePublishesEachWindow) {
   EXPECT_EQ(scope.triggered(), 1);
   tagger.pushAndWait({}, 1200, 1600);
   // Two falling edges in a row are not judged against each other.
-  const std::vector<Trace> second{{{0, LevelLow}, {100, LevelLow}}};
+  const Traces second{{{0, LevelLow}, {100, LevelLow}}};
   EXPECT_EQ(scope.getData(), second);
 
   // Lost data inside a window: nothing is published, and no trigger is taken
@@ -144,11 +115,9 @@ TEST(ScopeTest, ContinuousModePublishesEachWindow) {
   EXPECT_EQ(scope.triggered(), 1);
   EXPECT_EQ(scope.getData(), second);
   scope.clear();
-  settle(tagger);
   EXPECT_FALSE(scope.ready());
-  EXPECT_EQ(scope.getData(), std::vector<Trace>(1));
+  EXPECT_EQ(scope.getData(), Traces(1));
   tagger.pushAndWait({makeTag(3, 4100), makeTag(1, 4200)}, 4000, 5000);
   // The first rising edge proves the unknown start low.
-  EXPECT_EQ(scope.getData(), (std::vector<Trace>{{{0, LevelLow}, {100, LevelHigh}}}));
-  scope.stop();
+  EXPECT_EQ(scope.getData(), (Traces{{{0, LevelLow}, {100, LevelHigh}}}));
 }

@@ -1,14 +1,9 @@
 #include <chronotick/StartStop.h>
 
-#include "support/RandomTagStreams.h"
-#include "support/TestTagger.h"
+#include "support/MeasurementHelpers.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <limits>
 #include <map>
-#include <vector>
 
 using namespace chronotick;
 using namespace chronotick::testing;
@@ -17,16 +12,7 @@ namespace {
 
 using Rows = std::vector<std::int64_t>; // (lower edge, count) pairs, flattened
 
-Rows rowsOf(StartStop &ss, std::size_t *columns = nullptr) {
-  Rows out;
-  ss.getData([&](std::size_t n, std::size_t cols) {
-    if (columns)
-      *columns = cols;
-    out.assign(n * cols, -7);
-    return out.data();
-  });
-  return out;
-}
+const auto rowsOf = [](StartStop &ss) { return fetch(ss, &StartStop::getData); };
 
 // Each click is paired with the start it finds looking back: the nearest tag
 // of the start channel (of any type), unless a click or a break stands in
@@ -56,10 +42,6 @@ Rows reference(const std::vector<Tag> &tags, std::int32_t click, std::int32_t st
   return rows;
 }
 
-Tag tt(std::int32_t channel, std::int64_t time) {
-  return makeTag(channel, time);
-}
-
 } // namespace
 
 TEST(StartStop, MatchesLookBackPairingInEveryModeAndAnyBlockCuts) {
@@ -79,14 +61,9 @@ TEST(StartStop, MatchesLookBackPairingInEveryModeAndAnyBlockCuts) {
       const std::vector<Tag> tags = randomTagStream(4000, ++seed, shape);
       const Rows expected = reference(tags, 1, start, binwidth);
       EXPECT_GT(expected.size(), binwidth > 0 ? 10u : 1u);
-      for (int variant = 0; variant < 2; ++variant) {
-        TestTagger tagger;
-        StartStop ss(&tagger, 1, start, binwidth);
-        tagger.pushCut(tags, variant ? randomCuts(tags.size(), 40, seed) : std::vector<std::size_t>{}, 0,
-                       tags.back().time + 1);
-        tagger.waitUntilDone();
-        EXPECT_EQ(rowsOf(ss), expected) << "binwidth " << binwidth << " start " << start << " variant " << variant;
-      }
+      for (const auto &cuts : cutSets(tags.size(), 40, seed))
+        EXPECT_EQ(runCut<StartStop>(tags, cuts, rowsOf, 1, start, binwidth), expected)
+            << "binwidth " << binwidth << " start " << start << " cuts " << cuts.size();
     }
   }
 }
@@ -95,9 +72,9 @@ TEST(StartStop, PairingEdges) {
   TestTagger tagger;
   StartStop ss(&tagger, 1, 2, 10);
   StartStop unused_start(&tagger, 1, CHANNEL_UNUSED, 10); // successive intervals on channel 1
-  std::size_t columns = 0;
-  EXPECT_TRUE(rowsOf(ss, &columns).empty());
-  EXPECT_EQ(columns, 2u);
+  std::vector<std::size_t> shape;
+  EXPECT_TRUE(fetch(ss, &StartStop::getData, &shape).empty());
+  EXPECT_EQ(shape, (std::vector<std::size_t>{0, 2}));
 
   tagger.pushAndWait({tt(2, 100), tt(2, 150), tt(1, 250), tt(1, 260), // the later start wins; second click ignored
                       tt(2, 300), makeTag(0, 310, Tag::Type::OverflowBegin), tt(1, 320), // break drops the start

@@ -33,10 +33,10 @@ inline TimeDifferencesResult referenceTimeDifferences(const std::vector<Tag> &ta
   const std::int32_t start = s.start == CHANNEL_UNUSED ? s.click : s.start;
   const bool has_next = s.next != CHANNEL_UNUSED;
   const bool has_sync = s.sync != CHANNEL_UNUSED;
-  const std::int64_t range = static_cast<std::int64_t>(s.n_bins) * s.binwidth;
+  const std::int64_t range = s.n_bins * s.binwidth;
 
   TimeDifferencesResult result;
-  result.data.assign(static_cast<std::size_t>(s.n_bins) * static_cast<std::size_t>(s.n_histograms), 0);
+  result.data.assign(std::size_t(s.n_bins) * std::size_t(s.n_histograms), 0);
 
   // Pass 1: the row of each accepted start, -1 for none.
   std::vector<std::int32_t> start_row(tags.size(), -1);
@@ -57,16 +57,10 @@ inline TimeDifferencesResult referenceTimeDifferences(const std::vector<Tag> &ta
       row = has_next ? -1 : 0;
     }
     if (has_next && tag.channel == s.next && !waiting && open) {
-      if (row + 1 < s.n_histograms) {
-        ++row;
-      } else {
+      if (++row == s.n_histograms) {
         ++result.counts;
-        if (has_sync) {
-          row = s.n_histograms;
-          waiting = true;
-        } else {
-          row = 0;
-        }
+        row = has_sync ? s.n_histograms : 0;
+        waiting = has_sync;
       }
     }
     if (tag.channel == start && !waiting && open && row >= 0 && row < s.n_histograms)
@@ -82,8 +76,7 @@ inline TimeDifferencesResult referenceTimeDifferences(const std::vector<Tag> &ta
       if (diff >= range || tags[i].type != Tag::Type::TimeTag)
         break;
       if (start_row[i] >= 0)
-        ++result.data[static_cast<std::size_t>(start_row[i]) * static_cast<std::size_t>(s.n_bins) +
-                      static_cast<std::size_t>(diff / s.binwidth)];
+        ++result.data[std::size_t(start_row[i] * s.n_bins + diff / s.binwidth)];
     }
   }
   return result;
