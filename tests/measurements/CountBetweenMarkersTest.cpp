@@ -2,8 +2,6 @@
 
 #include "support/MeasurementHelpers.h"
 
-#include <stdexcept>
-
 using namespace chronotick;
 using namespace chronotick::testing;
 

@@ -52,16 +52,11 @@ void expectExact(std::uint64_t d, std::uint64_t m, std::uint64_t seed) {
     check(any(rng));
   // Rounding errors of a reciprocal show up just below a bin edge, worst at the top.
   const std::uint64_t top_bin = m / d;
+  // Values that wrap around below 0 or above 2^64 - 1 are still fair samples.
   for (std::uint64_t i = 0; i < 20000; ++i) {
     const std::uint64_t edge = (i < 2000 ? top_bin - std::min(top_bin, i) : any(rng) / d) * d;
-    for (std::uint64_t off : {0, 1, 2}) {
-      if (edge >= off)
-        check(edge - off);
-      if (edge + off >= edge)
-        check(edge + off);
-    }
-    if (edge + d - 1 >= edge)
-      check(edge + d - 1);
+    for (std::uint64_t v : {edge - 2, edge - 1, edge, edge + 1, edge + 2, edge + d - 1})
+      check(v);
   }
 }
 
@@ -98,16 +93,10 @@ TEST(FastBinning, ModeForBoundaryInputs) {
   EXPECT_EQ(FastBinning(TWO_63, TWO_63).getShift(), 63u);
   EXPECT_EQ(FastBinning(2, 2).getShift(), 1u);
   EXPECT_EQ(FastBinning(3, TWO_63 - 2).getFactor(), ALL_ONES / 3 + 1);
-  // Copies carry every field.
   const FastBinning three(3, 1000);
-  EXPECT_EQ(three.getFactor(), 1431655766u);
-  FastBinning copy;
-  copy = three;
-  const FastBinning moved(std::move(copy));
-  EXPECT_EQ(moved.getMode(), Mode::MulShift32);
-  EXPECT_EQ(moved.getFactor(), three.getFactor());
-  EXPECT_EQ(moved.getDivisor(), 3u);
-  EXPECT_EQ(moved.getMaxDuration(), 1000u);
+  EXPECT_EQ(three.getFactor(), 1431655766u); // ceil(2^32 / 3)
+  EXPECT_EQ(three.getDivisor(), 3u);
+  EXPECT_EQ(three.getMaxDuration(), 1000u);
 }
 
 TEST(FastBinning, ModeArithmeticIsFloorDivision) {

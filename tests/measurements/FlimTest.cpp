@@ -7,6 +7,8 @@ using namespace chronotick;
 using namespace chronotick::testing;
 using V = std::vector<std::int32_t>;
 
+static const auto dataOf = [](Flim &f) { return fetch(f, &Flim::getData); };
+
 TEST(Flim, MatchesDirectPairsPerPixelWhateverTheBlockCuts) {
   // Photons on 1, laser on 2, pixel clock on 3; the bin widths take the
   // binner through its multiplier, shift and identity forms.
@@ -19,9 +21,7 @@ TEST(Flim, MatchesDirectPairsPerPixelWhateverTheBlockCuts) {
       const std::int32_t n_bins = 2000 / std::int32_t(binwidth);
       const V expected = referenceTimeDifferences(tags, {1, 2, 3, CHANNEL_UNUSED, binwidth, n_bins, pixels, 0}).data;
       for (const auto &cuts : cutSets(tags.size(), 25, seed))
-        EXPECT_EQ(runCut<Flim>(
-                      tags, cuts, [](Flim &f) { return fetch(f, &Flim::getData); }, 1, 2, 3, binwidth, n_bins, pixels),
-                  expected)
+        EXPECT_EQ(runCut<Flim>(tags, cuts, dataOf, 1, 2, 3, binwidth, n_bins, pixels), expected)
             << "binwidth " << binwidth << " pixels " << pixels << " cuts " << cuts.size();
     }
   }
@@ -32,7 +32,7 @@ TEST(Flim, FramesPixelsAndBreaks) {
   Flim flim(&tagger, 1, 2, 3, 10, 10, 2);
   // Before the first pixel clock nothing is recorded.
   tagger.pushAndWait({tt(2, 100), tt(1, 120)}, 0, 200);
-  EXPECT_EQ(fetch(flim, &Flim::getData), V(20, 0));
+  EXPECT_EQ(dataOf(flim), V(20, 0));
 
   // Pixel 0, then a photon just after the next pixel clock still belongs to
   // the pulse of pixel 0; frames wrap into the same rows.
@@ -42,11 +42,11 @@ TEST(Flim, FramesPixelsAndBreaks) {
                       makeTag(0, 2100, Tag::Type::OverflowBegin), makeTag(0, 2200, Tag::Type::OverflowEnd), tt(3, 3000),
                       tt(2, 3010), tt(1, 3029)}, // after a break: pixel 0 again, bin 1
                      200, 4000);
-  EXPECT_EQ(fetch(flim, &Flim::getData), (V{1, 1, 0, 1, 0, 1, 0, 0, 0, 0, /**/ 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(dataOf(flim), (V{1, 1, 0, 1, 0, 1, 0, 0, 0, 0, /**/ 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}));
   // The frame count of the underlying passes went up at the wrap only.
   EXPECT_EQ(static_cast<TimeDifferences &>(flim).getCounts(), 1u);
   EXPECT_EQ(fetch(flim, &Flim::getIndex), (std::vector<std::int64_t>{0, 10, 20, 30, 40, 50, 60, 70, 80, 90}));
   flim.clear();
-  EXPECT_EQ(fetch(flim, &Flim::getData), V(20, 0));
+  EXPECT_EQ(dataOf(flim), V(20, 0));
   EXPECT_EQ(messageOf([&] { Flim(&tagger, 1, 2, 3, 10, 10, 0); }), "n_histograms must be at least 1");
 }

@@ -2,8 +2,6 @@
 
 #include "support/MeasurementHelpers.h"
 
-#include <vector>
-
 using namespace chronotick;
 using namespace chronotick::testing;
 

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <vector>
 
 using namespace chronotick;
 using namespace chronotick::testing;
