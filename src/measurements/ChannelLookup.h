@@ -34,4 +34,21 @@ void buildChannelLookup(const std::vector<std::int32_t> &channels, std::vector<s
   lookup_min = *lo;
 }
 
+// The table above, read in a tag loop: -1 for a channel not in the list.
+class ChannelTable {
+public:
+  ChannelTable(const std::vector<std::int32_t> &lookup, std::int32_t lookup_min)
+      : table(lookup.data()), span(static_cast<std::uint32_t>(lookup.size())),
+        low(static_cast<std::uint32_t>(lookup_min)) {}
+  std::int32_t operator[](std::int32_t channel) const {
+    const std::uint32_t offset = static_cast<std::uint32_t>(channel) - low; // one unsigned test covers both ends
+    return offset < span ? table[offset] : -1;
+  }
+
+private:
+  const std::int32_t *table;
+  std::uint32_t span;
+  std::uint32_t low;
+};
+
 } // namespace chronotick

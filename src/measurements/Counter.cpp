@@ -126,13 +126,11 @@ bool Counter::next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::in
     bin_start = begin_time;
 
   if (!lookup.empty()) {
-    const std::int32_t *table = lookup.data();
-    const std::uint32_t span = static_cast<std::uint32_t>(lookup.size());
-    const std::uint32_t low = static_cast<std::uint32_t>(lookup_min);
+    const ChannelTable table(lookup, lookup_min);
     CounterLoop::run(*this, tags, [&](std::int32_t channel, auto &&f) {
-      const std::uint32_t offset = static_cast<std::uint32_t>(channel) - low;
-      if (offset < span && table[offset] >= 0)
-        f(static_cast<std::size_t>(table[offset]));
+      const std::int32_t index = table[channel];
+      if (index >= 0)
+        f(static_cast<std::size_t>(index));
     });
   } else {
     // A channel listed twice counts in both rows.
