@@ -60,7 +60,15 @@ void ChronotickRunner::setFenceCountersForTesting(std::uint32_t counter, std::ui
 void ChronotickRunner::threadBody(Worker *worker) {
   raiseThreadPriority();
   while (!worker->stop.load()) {
-    worker->runner->runAllIterators(*worker);
+    // Measurements' exceptions never get here; a source that runs out of
+    // memory must not take the process down with it.
+    try {
+      worker->runner->runAllIterators(*worker);
+    } catch (const std::exception &e) {
+      CT_ERROR("Unhandled exception on a worker: %s", e.what());
+    } catch (...) {
+      CT_ERROR("Unhandled exception on a worker");
+    }
   }
 }
 

@@ -32,11 +32,21 @@ void SynchronizedMeasurements::unregisterMeasurement(IteratorBase *measurement) 
 }
 
 void SynchronizedMeasurements::runWithSharedFence(const std::function<void(IteratorBase *)> &action) {
-  // One fence for all: every member then ignores the same blocks and begins
-  // with the same one.
-  const std::uint32_t fence = tagger->getFence(true);
+  // One fence for all, taken by the first callback of the pass, on the
+  // worker: every block already on the chain was read before it, so all
+  // members ignore the same blocks and begin with the same one. (A fence
+  // taken before the job was queued could be carried by a block running
+  // ahead of the pass, which would reach only the members it passes after
+  // their callbacks ran.) The callbacks of one pass run one after another.
+  ChronotickBase *real = tagger;
+  bool have_fence = false;
+  std::uint32_t fence = 0;
   runCallback(
-      [&action, fence](IteratorBase *m) {
+      [&](IteratorBase *m) {
+        if (!have_fence) {
+          fence = real->getFence(true);
+          have_fence = true;
+        }
         action(m);
         m->lock();
         m->block_fence = fence;
