@@ -5,6 +5,7 @@
 #include <chronotick/Tag.h>
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <vector>
@@ -88,6 +89,8 @@ private:
   std::int64_t capture_limit;
   std::uint32_t block_fence;
   std::vector<Tag> cut_tags; // kept across startFor cuts to avoid reallocations
+  // Set while a group holds this iterator: a destroyed member leaves its group.
+  std::function<void(IteratorBase *)> leave_group;
 };
 
 } // namespace chronotick

@@ -19,8 +19,9 @@ class IteratorBase;
 class CHRONOTICK_API SynchronizedMeasurements {
 public:
   explicit SynchronizedMeasurements(ChronotickBase *tagger);
-  // Members are neither stopped nor touched; build them after the group and
-  // destroy them before it, since they use its proxy as their tagger.
+  // Members are not stopped: they carry on, on the real tagger. A member
+  // destroyed earlier has left the group by itself. (Don't destroy a member
+  // and the group at the same time on different threads.)
   ~SynchronizedMeasurements();
 
   SynchronizedMeasurements(const SynchronizedMeasurements &) = delete;
@@ -29,7 +30,6 @@ public:
   // The tagger to build members on.
   ChronotickBase *getTagger();
   void registerMeasurement(IteratorBase *measurement);
-  // Must be called before a member is destroyed.
   void unregisterMeasurement(IteratorBase *measurement);
 
   void clear();
@@ -46,6 +46,7 @@ protected:
 private:
   // Runs action on every member, then moves each onto one shared fence.
   void runWithSharedFence(const std::function<void(IteratorBase *)> &action);
+  void forget(IteratorBase *measurement);
 
   std::set<IteratorBase *> measurements;
   std::mutex mutex;

@@ -33,6 +33,14 @@ IteratorBase::IteratorBase(ChronotickBase *tagger_)
 }
 
 IteratorBase::~IteratorBase() {
+  std::function<void(IteratorBase *)> leave;
+  {
+    std::lock_guard<std::mutex> guard(slot->iterator_mutex);
+    leave.swap(leave_group);
+  }
+  if (leave) {
+    leave(this);
+  }
   bool owns_slot;
   {
     std::lock_guard<std::mutex> chain_guard(slot->chain_mutex);

@@ -12,8 +12,21 @@ SynchronizedMeasurements::SynchronizedMeasurements(ChronotickBase *tagger_)
     : tagger(tagger_), proxy(new ChronotickProxy(tagger_, this)) {}
 
 SynchronizedMeasurements::~SynchronizedMeasurements() {
-  // Members are left alone: they keep running, and their pointers may already
-  // be stale if the client destroyed them first, which is the usual order.
+  // Members carry on as they are, on the real tagger from now on (destroyed
+  // members have left the group already).
+  std::set<IteratorBase *> members;
+  {
+    std::lock_guard<std::mutex> guard(mutex);
+    members.swap(measurements);
+  }
+  for (IteratorBase *m : members) {
+    m->lock();
+    m->leave_group = nullptr;
+    if (m->tagger == proxy) {
+      m->tagger = tagger;
+    }
+    m->unlock();
+  }
   delete proxy;
 }
 
@@ -22,11 +35,23 @@ ChronotickBase *SynchronizedMeasurements::getTagger() {
 }
 
 void SynchronizedMeasurements::registerMeasurement(IteratorBase *measurement) {
-  std::lock_guard<std::mutex> guard(mutex);
-  measurements.insert(measurement);
+  {
+    std::lock_guard<std::mutex> guard(mutex);
+    measurements.insert(measurement);
+  }
+  measurement->lock();
+  measurement->leave_group = [this](IteratorBase *m) { forget(m); };
+  measurement->unlock();
 }
 
 void SynchronizedMeasurements::unregisterMeasurement(IteratorBase *measurement) {
+  measurement->lock();
+  measurement->leave_group = nullptr;
+  measurement->unlock();
+  forget(measurement);
+}
+
+void SynchronizedMeasurements::forget(IteratorBase *measurement) {
   std::lock_guard<std::mutex> guard(mutex);
   measurements.erase(measurement);
 }

@@ -118,11 +118,33 @@ TEST(SynchronizedMeasurementsTest, MembersStartStopAndClearTogether) {
   EXPECT_TRUE(a.isRunning());
   group.stop();
 
-  // Members leave the group before they are destroyed.
+  // Members may leave the group explicitly.
   for (IteratorBase *m : std::initializer_list<IteratorBase *>{&a, &b, &markers})
     group.unregisterMeasurement(m);
   EXPECT_FALSE(group.isRunning());
   group.start(); // an empty group returns after the next pass
   EXPECT_FALSE(a.isRunning());
+  tagger.setAutoFeed(false);
+}
+
+TEST(SynchronizedMeasurements, MembersAndGroupMayBeDestroyedInEitherOrder) {
+  TestTagger tagger;
+  tagger.setAutoFeed(true);
+  auto group = std::make_unique<SynchronizedMeasurements>(&tagger);
+  auto gone = std::make_unique<SpanRecorder>(group->getTagger());
+  SpanRecorder stays(group->getTagger());
+  group->start();
+  gone.reset(); // leaves the group by itself
+  EXPECT_TRUE(group->isRunning());
+  group->stop();
+  EXPECT_FALSE(stays.isRunning());
+
+  // The group goes first: its member carries on with the real tagger.
+  group.reset();
+  EXPECT_EQ(tagger.registrations(1), 1);
+  stays.start();
+  const std::size_t before = stays.spans().size();
+  ASSERT_TRUE(eventually([&] { return stays.spans().size() > before; }));
+  stays.stop();
   tagger.setAutoFeed(false);
 }
