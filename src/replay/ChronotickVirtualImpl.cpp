@@ -83,6 +83,7 @@ void ChronotickVirtualImpl::stop() {
   std::lock_guard<std::mutex> guard(queue_mutex);
   current_file.reset();
   drainQueue();
+  signalWork();
 }
 
 bool ChronotickVirtualImpl::waitForCompletion(std::uint64_t id, std::int32_t timeout) {
@@ -172,8 +173,15 @@ bool ChronotickVirtualImpl::fill(Worker &worker) {
     step = ReplayPacer::step(speed);
     const std::int64_t wait = pacer.delay(nowNs(), stream_time.load(std::memory_order_relaxed), speed);
     speed_lock.unlock();
-    if (wait > 0)
-      work_condition.wait_for(queue_lock, std::chrono::nanoseconds(wait), [&] { return closing; });
+    if (wait > 0) {
+      // A new speed or a change of the queue cuts the wait short: the block
+      // is then worked out again under the new settings.
+      const std::uint64_t generation = work_generation;
+      work_condition.wait_for(queue_lock, std::chrono::nanoseconds(wait),
+                              [&] { return closing || work_generation != generation; });
+      if (!closing && work_generation != generation)
+        return false;
+    }
   } else {
     speed_lock.unlock();
   }
