@@ -80,6 +80,8 @@ private:
   void pre_stop();
   void clearWithoutLock();
   void stopAfterException();
+  // Runs on_stop for the engine, which must not let its exception through.
+  void onStopLogged();
 
   std::set<std::int32_t> channels;
   bool running;

@@ -108,13 +108,7 @@ void ChronotickRunner::detach(IteratorSlot *slot) {
   iterator->tagger = nullptr;
   if (iterator->running) {
     iterator->running = false;
-    try {
-      iterator->on_stop();
-    } catch (const std::exception &e) {
-      CT_ERROR("Unhandled exception on stopping IteratorBase %p: %s", static_cast<void *>(iterator), e.what());
-    } catch (...) {
-      CT_ERROR("Unhandled exception on stopping IteratorBase %p", static_cast<void *>(iterator));
-    }
+    iterator->onStopLogged();
   }
 }
 

@@ -245,8 +245,12 @@ void IteratorBase::stopAfterException() {
     return; // next_impl ended the run itself before it threw
   }
   running = false;
+  pre_stop();
+  onStopLogged();
+}
+
+void IteratorBase::onStopLogged() {
   try {
-    pre_stop();
     on_stop();
   } catch (const std::exception &e) {
     CT_ERROR("Unhandled exception on stopping IteratorBase %p: %s", static_cast<void *>(this), e.what());
@@ -309,13 +313,7 @@ void IteratorBase::next(std::unique_lock<std::mutex> &lock, std::vector<Tag> &ta
     return; // next_impl already ended the run itself
   }
   running = false;
-  try {
-    on_stop();
-  } catch (const std::exception &e) {
-    CT_ERROR("Unhandled exception on stopping IteratorBase %p: %s", static_cast<void *>(this), e.what());
-  } catch (...) {
-    CT_ERROR("Unhandled exception on stopping IteratorBase %p", static_cast<void *>(this));
-  }
+  onStopLogged();
 }
 
 } // namespace chronotick
