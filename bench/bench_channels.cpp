@@ -11,6 +11,7 @@
 #include <chronotick/DelayedChannel.h>
 #include <chronotick/GatedChannel.h>
 
+#include "PoissonBlock.h"
 #include "support/TestTagger.h"
 
 #include <benchmark/benchmark.h>
@@ -18,7 +19,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <random>
 
 #include <sys/resource.h>
 #include <vector>
@@ -32,22 +32,6 @@ namespace {
 constexpr std::size_t block_size = 131072;
 constexpr int blocks_per_round = 8;
 
-// Tags on channels 1..8 with exponential gaps (mean 100 ps), times relative
-// to the block's start.
-std::vector<Tag> makeBlock(std::int64_t &span) {
-  std::mt19937_64 rng(1);
-  std::exponential_distribution<double> gap(1.0 / 100.0);
-  std::uniform_int_distribution<std::int32_t> channel(1, 8);
-  std::vector<Tag> tags(block_size);
-  std::int64_t t = 0;
-  for (Tag &tag : tags) {
-    t += 1 + static_cast<std::int64_t>(gap(rng));
-    tag = Tag{Tag::Type::TimeTag, 0, 0, channel(rng), t};
-  }
-  span = t + 1;
-  return tags;
-}
-
 double processCpuSeconds() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -59,7 +43,7 @@ void runChain(benchmark::State &state, const std::function<std::unique_ptr<Itera
   TestTagger tagger;
   std::unique_ptr<IteratorBase> channel = build ? build(tagger) : nullptr;
   std::int64_t span = 0;
-  const std::vector<Tag> pattern = makeBlock(span);
+  const std::vector<Tag> pattern = poissonBlock({1, 2, 3, 4, 5, 6, 7, 8}, 100, block_size, span);
   std::int64_t offset = 1000000;
   std::vector<std::vector<Tag>> round(blocks_per_round);
   double cpu_seconds = 0;

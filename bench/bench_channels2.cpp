@@ -5,6 +5,7 @@
 #include <chronotick/EventGenerator.h>
 #include <chronotick/FrequencyMultiplier.h>
 
+#include "PoissonBlock.h"
 #include "support/TestTagger.h"
 
 #include <benchmark/benchmark.h>
@@ -12,7 +13,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <random>
 #include <vector>
 
 using chronotick::IteratorBase;
@@ -24,28 +24,12 @@ namespace {
 constexpr std::size_t block_size = 131072;
 constexpr int blocks_per_round = 8;
 
-// A block of tags on `channels` with exponential gaps of `mean_gap` ps,
-// times relative to the block's start.
-std::vector<Tag> makeBlock(const std::vector<std::int32_t> &channels, std::int64_t mean_gap, std::int64_t &span) {
-  std::mt19937_64 rng(42);
-  std::exponential_distribution<double> gap(1.0 / double(mean_gap));
-  std::uniform_int_distribution<std::size_t> pick(0, channels.size() - 1);
-  std::vector<Tag> tags(block_size);
-  std::int64_t t = 0;
-  for (Tag &tag : tags) {
-    t += 1 + std::int64_t(gap(rng));
-    tag = Tag{Tag::Type::TimeTag, 0, 0, channels[pick(rng)], t};
-  }
-  span = t + 1;
-  return tags;
-}
-
 void runChannel(benchmark::State &state, const std::vector<std::int32_t> &channels,
                 const std::function<std::unique_ptr<IteratorBase>(TestTagger &)> &build) {
   TestTagger tagger;
   std::unique_ptr<IteratorBase> channel = build ? build(tagger) : nullptr;
   std::int64_t span = 0;
-  const std::vector<Tag> pattern = makeBlock(channels, 100, span);
+  const std::vector<Tag> pattern = poissonBlock(channels, 100, block_size, span);
   std::int64_t offset = 1000000;
   std::vector<Tag> block;
   for (auto _ : state) {
