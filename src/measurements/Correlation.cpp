@@ -238,6 +238,18 @@ struct CorrelationLoop {
       head1 = c.recent_head[1];
       tail1 = c.recent_tail[1];
     };
+    // Either queue full: make room in both, which is cheaper per tag than to
+    // work out which one the tag goes to.
+    auto makeRoom = [&] {
+      if ((tail0 == cap) | (tail1 == 2 * cap)) {
+        store();
+        if (tail0 == cap)
+          c.makeRoom(0);
+        if (c.recent_tail[1] == 2 * c.recent_capacity)
+          c.makeRoom(1);
+        load();
+      }
+    };
 
     for (const Tag &tag : tags) {
       const std::int64_t time = tag.time;
@@ -251,16 +263,7 @@ struct CorrelationLoop {
             break;
           // The tag's side s and the other side o, selected by mask.
           const std::uint64_t m = 0 - static_cast<std::uint64_t>(second); // all ones on side 1
-          // Either queue full: make room in both, which is cheaper per tag
-          // than to work out which one this tag goes to.
-          if ((tail0 == cap) | (tail1 == 2 * cap)) {
-            store();
-            if (tail0 == cap)
-              c.makeRoom(0);
-            if (c.recent_tail[1] == 2 * c.recent_capacity)
-              c.makeRoom(1);
-            load();
-          }
+          makeRoom();
           std::uint64_t head_o = pick(m, head0, head1);
           std::uint64_t tail_o = pick(m, tail0, tail1);
           std::uint64_t tail_s = pick(m, tail1, tail0);
@@ -277,14 +280,7 @@ struct CorrelationLoop {
           // Side 0: appended to the first queue and paired with the second.
           // Side 1: appended to the second and paired with the first, which
           // by now holds the tag itself: one self-pair at difference 0.
-          if (tail0 == cap || tail1 == 2 * cap) {
-            store();
-            if (tail0 == cap)
-              c.makeRoom(0);
-            if (c.recent_tail[1] == 2 * c.recent_capacity)
-              c.makeRoom(1);
-            load();
-          }
+          makeRoom();
           if (age(q, head1, tail1, cap + 1, time - half_window))
             pair<M>(k, data, n_bins, time, false, half_window, q + head1, q + tail1);
           q[tail0++] = time;
