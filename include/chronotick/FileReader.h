@@ -37,10 +37,15 @@ public:
 
 private:
   bool openNextFile();
+  // Makes `name` the current part; false, logged, if it can't be read.
+  bool openPart(const std::string &name);
+  // Decodes the current part's block; a failure ends the part, logged.
+  bool decodeCurrent(std::vector<Tag> &tags, std::int64_t begin_time);
 
   std::vector<std::string> filenames;
   std::size_t list_position;
   std::string base_name;
+  std::string current_name; // the part being read
   std::unique_ptr<TagFileReader> current;
   std::vector<Tag> tag_buffer;
   std::size_t buffer_position; // tags before this index were handed out

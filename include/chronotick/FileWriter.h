@@ -4,6 +4,7 @@
 #include <chronotick/IteratorBase.h>
 
 #include <array>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -19,6 +20,14 @@ class TagFileWriter;
 // Records the tags of the given channels into a .ctbin recording. The file
 // that the client names holds only the header, configuration and channel
 // map; the tags go to the numbered parts "name.1.ctbin", "name.2.ctbin", ...
+//
+// A disk fault while recording (a failed write, a part removed or replaced
+// under the writer, a part that can't be opened at a rotation, split or
+// clear) logs one error and stops the writer; the parts keep what reached
+// them, a failed part up to its last whole block. A later start() goes on in
+// a new part numbered after the last part still on disk, so that removed
+// parts leave no gap. Only the constructor and start() throw, when they
+// can't begin the recording.
 class CHRONOTICK_API FileWriter : public IteratorBase {
 public:
   FileWriter(ChronotickBase *tagger, const std::string &filename, const std::vector<std::int32_t> &channels);
@@ -30,6 +39,7 @@ public:
   // Bytes after which the next block opens a new part; read as unsigned.
   void setMaxFileSize(std::int64_t max_file_size);
   std::int64_t getMaxFileSize();
+  // After a fault, what was handed to the parts until then.
   std::int64_t getTotalEvents();
   std::int64_t getTotalSize();
   // Stores `marker` in the current part; the writer must be running.
@@ -42,8 +52,12 @@ protected:
   bool next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) override;
 
 private:
-  void on_close();
   void openPart();
+  bool openParts();
+  void closeCurrent();
+  void release(std::shared_ptr<TagFileWriter> &part);
+  void fault(const std::string &message);
+  void settle();
 
   std::string base_name;
   std::int64_t max_file_size;
@@ -57,6 +71,15 @@ private:
   std::vector<std::pair<std::int32_t, std::int32_t>> channels;
   // Orders block writes, markers and part swaps against each other.
   std::mutex part_mutex;
+  // Under part_mutex: the first fault of this run, and the run a block
+  // belongs to, so that blocks still in flight after a fault write nothing.
+  bool faulted = false;
+  std::string fault_message;
+  std::uint64_t run = 0;
+  // Under the iterator's mutex.
+  bool reported = false;
+  int in_flight = 0; // blocks between packing and their return
+  std::condition_variable idle;
 };
 
 } // namespace chronotick

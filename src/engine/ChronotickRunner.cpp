@@ -22,6 +22,8 @@ inline std::int32_t fenceDifference(std::uint32_t a, std::uint32_t b) {
   return static_cast<std::int32_t>(a - b);
 }
 
+thread_local ChronotickRunner *current_runner = nullptr;
+
 // Workers run at raised priority where the process may raise it; elsewhere
 // they silently keep the default.
 void raiseThreadPriority() {
@@ -36,7 +38,7 @@ void raiseThreadPriority() {
 
 ChronotickRunner::ChronotickRunner()
     : stopping(true), idle_epoch(0), idle_waiters(0), fence_counter(0), fence_pending(false), fence_completed(0),
-      chain_head(nullptr) {}
+      fences_closed(false), chain_head(nullptr) {}
 
 ChronotickRunner::~ChronotickRunner() {
   // stopWorkers() ran in the tagger's destructor; anything still queued was
@@ -50,6 +52,10 @@ ChronotickRunner::~ChronotickRunner() {
 
 void ChronotickRunner::blockDone(const Worker &) {}
 
+ChronotickBase *ChronotickRunner::currentWorkerTagger() {
+  return current_runner;
+}
+
 void ChronotickRunner::setFenceCountersForTesting(std::uint32_t counter, std::uint32_t completed) {
   std::lock_guard<std::mutex> guard(fence_mutex);
   fence_counter = counter;
@@ -59,6 +65,7 @@ void ChronotickRunner::setFenceCountersForTesting(std::uint32_t counter, std::ui
 
 void ChronotickRunner::threadBody(Worker *worker) {
   raiseThreadPriority();
+  current_runner = worker->runner;
   while (!worker->stop.load()) {
     // Measurements' exceptions never get here; a source that runs out of
     // memory must not take the process down with it.
@@ -78,6 +85,7 @@ void ChronotickRunner::startWorkers(unsigned count) {
     fence_counter = 0;
     fence_completed = 0;
     fence_pending = false;
+    fences_closed = false;
   }
   chain_head = nullptr;
   if (count == 0) {
@@ -128,6 +136,12 @@ void ChronotickRunner::stopWorkers() {
     worker->thread.join(); // raises the standard errors for a self-join or a thread that isn't joinable
   }
   stopped.clear();
+  {
+    // No block will complete any more: whoever waits for a fence returns.
+    std::lock_guard<std::mutex> guard(fence_mutex);
+    fences_closed = true;
+  }
+  fence_condition.notify_all();
 
   while (chain_head) {
     IteratorSlot *slot = chain_head;
@@ -297,7 +311,8 @@ std::uint32_t ChronotickRunner::getFence(bool alloc) {
     return fence_counter;
   }
   // At most 100 fences run ahead of the completed block.
-  fence_condition.wait(guard, [this] { return fenceDifference(fence_completed, fence_counter) > -100; });
+  fence_condition.wait(guard,
+                       [this] { return fences_closed || fenceDifference(fence_completed, fence_counter) > -100; });
   ++fence_counter;
   fence_pending = true;
   return fence_counter;
@@ -309,11 +324,13 @@ bool ChronotickRunner::waitForFence(std::uint32_t fence, std::int32_t timeout) {
   if (timeout == 0) {
     return reached();
   }
+  auto over = [&] { return fences_closed || reached(); };
   if (timeout < 0) {
-    fence_condition.wait(guard, reached);
-    return true;
+    fence_condition.wait(guard, over);
+  } else {
+    fence_condition.wait_for(guard, std::chrono::milliseconds(timeout), over);
   }
-  return fence_condition.wait_for(guard, std::chrono::milliseconds(timeout), reached);
+  return reached();
 }
 
 void ChronotickRunner::sync() {

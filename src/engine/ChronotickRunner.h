@@ -33,6 +33,11 @@ public:
                        bool block = true) override;
   IteratorSlot *addIterator(IteratorBase *iterator) override;
 
+  // The tagger whose worker the calling thread is, or null on any other
+  // thread. A tagger can't be destroyed on one of its own workers, which
+  // would have to join itself.
+  static ChronotickBase *currentWorkerTagger();
+
 protected:
   // The one source-specific operation, called on a worker with the read
   // mutex held in `lock`. To deliver a block: fill worker.tags, begin_time
@@ -87,6 +92,7 @@ private:
   std::uint32_t fence_counter;
   bool fence_pending;
   std::uint32_t fence_completed;
+  bool fences_closed; // set when the workers stop: fence waits return
 
   std::mutex job_mutex;
   std::condition_variable job_condition;

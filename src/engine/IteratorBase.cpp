@@ -88,10 +88,13 @@ void IteratorBase::startFor(std::int64_t duration, bool clear) {
   std::uint32_t fence = 0;
   bool have_fence = false;
   {
+    // Only a clear or the start of a stopped run cuts the stream: extending a
+    // running capture leaves the fences alone.
     std::unique_lock<std::mutex> probe(slot->iterator_mutex);
     ChronotickBase *t = tagger;
+    const bool needs_fence = clear || !running;
     probe.unlock();
-    if (t) {
+    if (t && needs_fence) {
       fence = t->getFence(true);
       have_fence = true;
     }

@@ -14,9 +14,10 @@ void defaultSink(LogLevel, std::string message) {
   std::cerr << message << std::endl;
 }
 
+// Never destroyed: a worker may log while static destruction runs at exit.
 std::mutex &logMutex() {
-  static std::mutex mutex;
-  return mutex;
+  static std::mutex *mutex = new std::mutex;
+  return *mutex;
 }
 
 logger_callback currentSink = &defaultSink;

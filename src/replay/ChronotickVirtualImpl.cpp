@@ -15,6 +15,13 @@ namespace {
 bool tagBefore(const Tag &tag, std::int64_t time) {
   return tag.time < time;
 }
+
+// Stream time of a recorded block. A damaged file may give any two times:
+// the difference wraps instead of overflowing, and a block never runs back.
+std::int64_t spanOf(std::int64_t begin, std::int64_t end) {
+  return std::max<std::int64_t>(std::int64_t(std::uint64_t(end) - std::uint64_t(begin)), 0);
+}
+
 } // namespace
 
 ChronotickVirtualImpl::ChronotickVirtualImpl() : scheme(getChronotickChannelNumberScheme()) {
@@ -24,12 +31,17 @@ ChronotickVirtualImpl::ChronotickVirtualImpl() : scheme(getChronotickChannelNumb
 
 ChronotickVirtualImpl::~ChronotickVirtualImpl() {
   {
-    // Cuts short any sleep of a worker, so that the workers end promptly.
+    // Cuts short any sleep of a worker, so that the workers end promptly, and
+    // wakes every waitForCompletion, which then returns.
     std::lock_guard<std::mutex> guard(queue_mutex);
     closing = true;
     work_condition.notify_all();
+    completion_condition.notify_all();
   }
-  stopWorkers();
+  stopWorkers(); // ends the sync() that a woken waitForCompletion may be in
+  // The waiters still touch this tagger on their way out.
+  std::unique_lock<std::mutex> lock(queue_mutex);
+  completion_condition.wait(lock, [this] { return completion_waiters == 0; });
 }
 
 std::int64_t ChronotickVirtualImpl::nowNs() {
@@ -87,23 +99,28 @@ void ChronotickVirtualImpl::stop() {
 }
 
 bool ChronotickVirtualImpl::waitForCompletion(std::uint64_t id, std::int32_t timeout) {
-  bool finished;
-  {
-    std::unique_lock<std::mutex> lock(queue_mutex);
-    if (id == 0)
-      id = last_id;
-    auto done = [&] { return id <= completed_id; };
-    if (timeout == 0) {
-      finished = done();
-    } else if (timeout < 0) {
-      completion_condition.wait(lock, done);
-      finished = true;
-    } else {
-      finished = completion_condition.wait_for(lock, std::chrono::milliseconds(timeout), done);
-    }
-  }
+  std::unique_lock<std::mutex> lock(queue_mutex);
+  // Counted until it has left, so that the destructor waits for it.
+  ++completion_waiters;
+  if (id == 0)
+    id = last_id;
+  auto over = [&] { return closing || id <= completed_id; };
+  if (timeout < 0)
+    completion_condition.wait(lock, over);
+  else if (timeout > 0)
+    completion_condition.wait_for(lock, std::chrono::milliseconds(timeout), over);
+  const bool finished = id <= completed_id;
+  lock.unlock();
   sync();
+  lock.lock();
+  if (--completion_waiters == 0 && closing)
+    completion_condition.notify_all();
   return finished;
+}
+
+int ChronotickVirtualImpl::completionWaitersForTesting() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  return completion_waiters;
 }
 
 void ChronotickVirtualImpl::setReplaySpeed(double new_speed) {
@@ -214,63 +231,18 @@ bool ChronotickVirtualImpl::fill(Worker &worker) {
 
   if (!task.opened) {
     task.opened = true;
-    current_file = std::make_unique<TagFileReader>(ctbin::partName(task.base_name, task.part_index++), true);
-    current_file_id = current_file->getFileId();
+    if (!openPart(task))
+      task.reading = false; // not even the recording's first file could be read
   }
 
   if (task.reading) {
-    std::int64_t block_begin = 0;
-    std::int64_t block_end = 0;
-    // A positive begin seeks: whole blocks are skipped undecoded.
-    while (current_file->getBlockSpan(block_begin, block_end) && task.begin >= block_end - block_begin) {
-      task.begin -= block_end - block_begin;
-      current_file->skipBlock();
-    }
-    if (current_file->getBlockSpan(block_begin, block_end)) {
-      const std::int64_t start = stream_time.load(std::memory_order_relaxed);
-      std::int64_t counted = 0;
-      const bool decoded = current_file->decodeBlock(worker.tags, start - task.begin, counted);
-      overflows += counted;
-      if (decoded) {
-        std::vector<Tag> &tags = worker.tags;
-        std::int64_t length = std::max<std::int64_t>(block_end - block_begin, 0);
-        if (task.begin != 0) {
-          length -= task.begin;
-          task.begin = 0;
-          tags.erase(tags.begin(), std::lower_bound(tags.begin(), tags.end(), start, tagBefore));
-        }
-        if (task.duration >= 0) {
-          if (task.duration < length) {
-            tags.erase(std::lower_bound(tags.begin(), tags.end(), start + task.duration, tagBefore), tags.end());
-            length = task.duration;
-          }
-          task.duration -= length;
-        }
-        if ((block_begin != previous_end_time || previous_file_id != current_file_id) && !first_block_pending) {
-          // A gap in the recording, or another recording: measurements drop what they held.
-          tags.insert(tags.begin(), Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, start});
-          ++overflows;
-        }
-        previous_end_time = block_end;
-        previous_file_id = current_file_id;
-        first_block_pending = false;
-        deliverSilence(worker, length);
-        return true;
-      }
-    }
-
-    // This part is exhausted: go on with the next one of the same recording.
-    const std::string name = ctbin::partName(task.base_name, task.part_index++);
-    if (std::ifstream(name, std::ios::binary).is_open()) {
-      auto next = std::make_unique<TagFileReader>(name, true);
-      if (next->getFileId() == current_file_id) {
-        current_file = std::move(next);
-        task.reading = true;
-        return false;
-      }
-      CT_ERROR("File '%s' matches the naming schema, but was not written in the same FileWriter. Skipped.",
-               name.c_str());
-    }
+    if (current_file && deliverFileBlock(worker, task))
+      return true;
+    // This part is exhausted or unreadable: go on with the next one of the
+    // same recording. Another worker asks again for the block.
+    if (openPart(task))
+      return false;
+    task.reading = false; // the recording ends here
   }
 
   if (task.duration > 0) {
@@ -285,6 +257,84 @@ bool ChronotickVirtualImpl::fill(Worker &worker) {
   tasks.pop_front();
   completion_condition.notify_all();
   return false;
+}
+
+bool ChronotickVirtualImpl::openPart(ReplayTask &task) {
+  const bool first = task.part_index == 0;
+  const std::string name = ctbin::partName(task.base_name, task.part_index++);
+  try {
+    // Part 0 was checked by replay(); a later part that isn't there ends the recording quietly.
+    if (!first && !std::ifstream(name, std::ios::binary).is_open())
+      return false;
+    auto part = std::make_unique<TagFileReader>(name, true);
+    if (first) {
+      current_file_id = part->getFileId();
+    } else if (part->getFileId() != current_file_id) {
+      CT_ERROR("File '%s' matches the naming schema, but was not written in the same FileWriter. Skipped.",
+               name.c_str());
+      return false;
+    }
+    current_file = std::move(part);
+    return true;
+  } catch (...) {
+    CT_ERROR("File '%s' could not be read: %s. Replay goes on after it.", name.c_str(), currentExceptionText().c_str());
+  }
+  if (first)
+    current_file.reset(); // never the previous recording's file for this task
+  return false;
+}
+
+bool ChronotickVirtualImpl::deliverFileBlock(Worker &worker, ReplayTask &task) {
+  std::vector<Tag> &tags = worker.tags;
+  std::int64_t block_begin = 0;
+  std::int64_t block_end = 0;
+  const std::int64_t start = stream_time.load(std::memory_order_relaxed);
+  try {
+    // A positive begin seeks: whole blocks are skipped undecoded.
+    while (current_file->getBlockSpan(block_begin, block_end) && task.begin >= spanOf(block_begin, block_end)) {
+      task.begin -= spanOf(block_begin, block_end);
+      current_file->skipBlock();
+    }
+    if (!current_file->getBlockSpan(block_begin, block_end))
+      return false;
+    std::int64_t counted = 0;
+    const bool decoded = current_file->decodeBlock(tags, start - task.begin, counted);
+    overflows += counted;
+    if (!decoded)
+      return false;
+  } catch (...) {
+    // Reading may run out of memory on a block that claims too much: the
+    // part ends here, and the next block from elsewhere starts with an Error.
+    CT_ERROR("A block of the recording '%s' could not be read: %s. The rest of this part is skipped.",
+             task.base_name.c_str(), currentExceptionText().c_str());
+    tags.clear();
+    current_file->stopReading();
+    return false;
+  }
+
+  std::int64_t length = spanOf(block_begin, block_end);
+  if (task.begin != 0) {
+    length -= task.begin;
+    task.begin = 0;
+    tags.erase(tags.begin(), std::lower_bound(tags.begin(), tags.end(), start, tagBefore));
+  }
+  if (task.duration >= 0) {
+    if (task.duration < length) {
+      tags.erase(std::lower_bound(tags.begin(), tags.end(), start + task.duration, tagBefore), tags.end());
+      length = task.duration;
+    }
+    task.duration -= length;
+  }
+  if ((block_begin != previous_end_time || previous_file_id != current_file_id) && !first_block_pending) {
+    // A gap in the recording, or another recording: measurements drop what they held.
+    tags.insert(tags.begin(), Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, start});
+    ++overflows;
+  }
+  previous_end_time = block_end;
+  previous_file_id = current_file_id;
+  first_block_pending = false;
+  deliverSilence(worker, length);
+  return true;
 }
 
 // Channels

@@ -54,6 +54,9 @@ public:
   void registerChannel(std::int32_t channel) override;
   void unregisterChannel(std::int32_t channel) override;
 
+  // Test hook: how many waitForCompletion calls are inside this tagger.
+  int completionWaitersForTesting();
+
 protected:
   bool readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
                  const std::function<void()> &done) override;
@@ -72,6 +75,12 @@ private:
 
   // Makes the worker's next block; false if there is none now. Runs under the read mutex.
   bool fill(Worker &worker);
+  // Opens the task's next part as the current file: false if it isn't there,
+  // belongs to another recording or can't be read (logged). Queue lock held.
+  bool openPart(ReplayTask &task);
+  // The current file's next block into the worker, trimmed to the task's
+  // begin and duration; false once the part has no more. Queue lock held.
+  bool deliverFileBlock(Worker &worker, ReplayTask &task);
   // A block of `length` ps without tags from the file.
   void deliverSilence(Worker &worker, std::int64_t length);
   // Ends every queued replay. Queue lock held.
@@ -96,6 +105,7 @@ private:
   std::condition_variable work_condition;
   std::uint64_t work_generation = 0;
   bool closing = false;
+  int completion_waiters = 0; // waitForCompletion calls on their way out
   std::deque<ReplayTask> tasks;
   std::uint64_t last_id = 0;
   std::uint64_t completed_id = 0;

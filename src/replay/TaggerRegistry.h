@@ -2,6 +2,7 @@
 
 #include <chronotick/ChronotickBase.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -14,6 +15,11 @@ class ChronotickVirtual;
 // Every live tagger of the process, with the number of create calls not yet
 // matched by a free. A tagger is built and destroyed with the instance mutex
 // held, so its constructor and destructor must not come back here.
+//
+// Taggers still registered when the process exits are freed then, before the
+// state that their workers use goes away. A tagger freed from one of its own
+// workers is destroyed on a thread of its own, which joins that worker once
+// its block is done.
 class TaggerRegistry {
 public:
   struct Entry {
@@ -42,12 +48,23 @@ public:
   void releaseAll();
 
 private:
+  friend struct RegistryExit;
+
   TaggerRegistry() = default;
   static void checkEntry(const Entry &entry);
+  // Destroys a tagger that has left the registry: here, or on a thread of its
+  // own when the caller is one of its workers.
+  void destroy(ChronotickBase *tagger);
+  // Frees what is left at exit and waits for destructions still under way.
+  void releaseAtExit();
 
   std::mutex instance_mutex;
   std::map<ChronotickBase *, Entry> registry;
   Chronotick *default_instance = nullptr;
+
+  std::mutex deferred_mutex;
+  std::condition_variable deferred_condition;
+  int deferred = 0; // destructions running on threads of their own
 };
 
 } // namespace chronotick

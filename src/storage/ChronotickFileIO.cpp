@@ -2,13 +2,19 @@
 
 #include "engine/Log.h"
 
+#include <fcntl.h>
 #include <lz4.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
+#include <string_view>
+#include <system_error>
 
 namespace chronotick {
 
@@ -50,9 +56,11 @@ struct SignatureKeys {
   }
 };
 
+// Never destroyed: workers of a tagger still alive at exit may seal or check
+// a block after static destruction has begun.
 const SignatureKeys &keys() {
-  static const SignatureKeys instance;
-  return instance;
+  static const SignatureKeys *instance = new SignatureKeys;
+  return *instance;
 }
 
 // One digest context per thread, reused for every block.
@@ -69,8 +77,12 @@ EVP_MD_CTX *threadContext() {
 
 } // namespace
 
+void prepareIntegrity() {
+  (void)keys();
+}
+
 std::string partName(const std::string &base_name, std::uint32_t part_index) {
-  static const std::string extension = FILE_EXTENSION;
+  const std::string_view extension = FILE_EXTENSION;
   std::string name = base_name;
   if (name.size() > extension.size() && name.compare(name.size() - extension.size(), extension.size(), extension) == 0)
     name.resize(name.size() - extension.size());
@@ -78,7 +90,8 @@ std::string partName(const std::string &base_name, std::uint32_t part_index) {
     name += '.';
     name += std::to_string(part_index);
   }
-  return name + extension;
+  name += extension;
+  return name;
 }
 
 bool sha1Field(const void *data, std::size_t size, std::uint8_t (&field)[32]) {
@@ -113,43 +126,117 @@ using namespace ctbin;
 
 TagFileWriter::TagFileWriter(const std::string &base_name, std::uint32_t part_index, const FileId &file_id)
     : file_name(partName(base_name, part_index)), stream_buffer(new char[STREAM_BUFFER_SIZE]) {
-  stream.rdbuf()->pubsetbuf(stream_buffer.get(), STREAM_BUFFER_SIZE);
-  stream.open(file_name, std::ios::binary | std::ios::out | std::ios::trunc);
-  if (!stream.is_open())
+  fd = ::open(file_name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0)
     throw std::runtime_error("FileWriter: Error on opening the file '" + base_name + "' for writing.");
+  struct stat status;
+  if (::fstat(fd, &status) == 0) {
+    file_device = std::uint64_t(status.st_dev);
+    file_inode = std::uint64_t(status.st_ino);
+  }
 
   BlockPrefix prefix{MAGIC, sizeof(FileHeaderRecord), BLOCK_FILE_HEADER, 0};
   FileHeaderRecord header{ALIGNMENT, VERSION, MIN_READER_VERSION, 0, file_id};
   writeBytes(&prefix, sizeof(prefix));
   writeBytes(&header, sizeof(header));
-  checkStream();
   bytes += sizeof(prefix) + sizeof(header);
 }
 
 TagFileWriter::~TagFileWriter() {
-  if (!stream.is_open())
-    return;
-  BlockPrefix prefix{MAGIC, 0, BLOCK_END, 0};
-  stream.write(reinterpret_cast<const char *>(&prefix), sizeof(prefix));
-  stream.close(); // a failure here can only be logged by the next reader
+  try {
+    close();
+  } catch (...) {
+    // Only the next reader of the part can tell now.
+  }
 }
 
+void TagFileWriter::close() {
+  if (fd < 0)
+    return;
+  const bool failed_before = hasFailed();
+  if (!failed_before) {
+    BlockPrefix prefix{MAGIC, 0, BLOCK_END, 0};
+    writeBytes(&prefix, sizeof(prefix));
+    checkFileName();
+    flushBuffer();
+  }
+  const int closing = fd;
+  fd = -1;
+  if (::close(closing) != 0 && errno != EINTR)
+    fail(std::generic_category().message(errno));
+  if (!failed_before)
+    checkStream();
+}
+
+void TagFileWriter::fail(const std::string &reason) {
+  if (failure.empty())
+    failure = "FileWriter: Error on writing to the disk. Writing '" + file_name + "' failed: " + reason + ".";
+}
+
+void TagFileWriter::writeOut(const char *data, std::size_t size) {
+  while (size > 0 && !hasFailed()) {
+    const ssize_t n = ::write(fd, data, size);
+    if (n > 0) {
+      data += n;
+      size -= std::size_t(n);
+    } else if (n == 0) {
+      fail("the disk took nothing");
+    } else if (errno != EINTR) {
+      fail(std::generic_category().message(errno));
+    }
+  }
+}
+
+void TagFileWriter::flushBuffer() {
+  writeOut(stream_buffer.get(), buffered);
+  buffered = 0;
+}
+
+// After a failure nothing more goes to the file: it keeps what it held, cut
+// where the failure left it.
 void TagFileWriter::writeBytes(const void *data, std::size_t size) {
-  stream.write(static_cast<const char *>(data), static_cast<std::streamsize>(size));
+  if (size == 0 || hasFailed()) // an empty text or channel map may come with no data at all
+    return;
+  if (buffered + size > STREAM_BUFFER_SIZE) {
+    flushBuffer();
+    if (size >= STREAM_BUFFER_SIZE) {
+      writeOut(static_cast<const char *>(data), size);
+      return;
+    }
+    if (hasFailed())
+      return;
+  }
+  std::memcpy(stream_buffer.get() + buffered, data, size);
+  buffered += size;
 }
 
 void TagFileWriter::writePadding(std::size_t size) {
   const std::size_t padding = paddingOf(size, ALIGNMENT);
   if (padding)
-    stream.write(zeros, static_cast<std::streamsize>(padding));
+    writeBytes(zeros, padding);
 }
 
 void TagFileWriter::checkStream() {
-  if (stream.bad())
-    throw std::runtime_error("FileWriter: Error on writing to the disk.");
+  if (hasFailed())
+    throw std::runtime_error(failure);
+}
+
+// On POSIX systems writing to a removed file succeeds and goes nowhere: the
+// part's name must still lead to the file that is open.
+void TagFileWriter::checkFileName() {
+  if (fd < 0 || hasFailed() || file_inode == 0)
+    return;
+  struct stat status;
+  if (::stat(file_name.c_str(), &status) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR)
+      fail("the file was removed or moved");
+  } else if (std::uint64_t(status.st_dev) != file_device || std::uint64_t(status.st_ino) != file_inode) {
+    fail("another file took its name");
+  }
 }
 
 void TagFileWriter::writeTextBlock(std::uint32_t block_type, const std::string &text) {
+  checkFileName();
   BlockPrefix prefix{MAGIC, static_cast<std::uint32_t>(text.size()), block_type, 0};
   writeBytes(&prefix, sizeof(prefix));
   writeBytes(text.data(), text.size());
@@ -171,7 +258,8 @@ void TagFileWriter::writeChannelList(const ChannelList &channels) {
   std::vector<ChannelMapEntry> entries;
   std::uint32_t next_code = 0;
   for (const auto &[channel, inverted] : channels) {
-    const bool known = std::any_of(table.begin(), table.end(), [&](const auto &e) { return e.first == channel; });
+    const std::int32_t wanted = channel; // a structured binding can't be captured everywhere
+    const bool known = std::any_of(table.begin(), table.end(), [&](const auto &e) { return e.first == wanted; });
     if (known)
       continue;
     table.emplace_back(channel, next_code);
@@ -339,11 +427,12 @@ void TagFileWriter::seal(TagBlock *block) {
 }
 
 void TagFileWriter::write(TagBlock *block) {
+  checkFileName();
+  checkStream();
   const TimeTagBlockRecord &record = block->record;
   BlockPrefix prefix{MAGIC, std::uint32_t(sizeof(record) + record.stored_size), BLOCK_TIME_TAGS, 0};
   writeBytes(&prefix, sizeof(prefix));
   writeBytes(&record, sizeof(record));
-  checkStream();
   if (block->use_compressed)
     writeBytes(block->compressed.data(), record.stored_size);
   else
@@ -441,14 +530,19 @@ bool TagFileReader::readField(void *data, std::size_t size, std::uint32_t &remai
   return skipRaw(paddingOf(size, alignment));
 }
 
+bool TagFileReader::fileHolds(std::uint64_t size, const char *message) {
+  if (size <= file_left)
+    return true;
+  CT_ERROR("File access failed");
+  CT_ERROR("%s", message);
+  file_left = 0;
+  return false;
+}
+
 bool TagFileReader::readText(std::string &text, std::uint32_t &remaining, const char *message) {
   const std::size_t size = remaining;
-  if (size > file_left) { // a text that the file can't hold is not allocated
-    CT_ERROR("File access failed");
-    CT_ERROR("%s", message);
-    file_left = 0;
+  if (!fileHolds(size, message))
     return false;
-  }
   text.resize(size);
   return readField(text.data(), size, remaining, message);
 }
@@ -489,6 +583,8 @@ bool TagFileReader::readBlock() {
       CT_ERROR("Block is too small");
       return false;
     }
+    if (!fileHolds(entry_bytes, "Channel map data could not be loaded"))
+      return false;
     std::vector<ChannelMapEntry> entries(preamble.count);
     if (!readField(entries.data(), entry_bytes, remaining, "Channel map data could not be loaded"))
       return false;
@@ -508,6 +604,8 @@ bool TagFileReader::readBlock() {
         CT_ERROR("Block is too small");
         return false;
       }
+      if (!fileHolds(n, "Time tag block data could not be loaded"))
+        return false;
       words.resize(record.word_count);
       if (!readField(words.data(), n, remaining, "Time tag block data could not be loaded"))
         return false;
@@ -516,6 +614,8 @@ bool TagFileReader::readBlock() {
         CT_ERROR("Block is too small");
         return false;
       }
+      if (!fileHolds(record.stored_size, "Compressed time tag block data could not be loaded"))
+        return false;
       if (compressed.size() < record.stored_size)
         compressed.resize(record.stored_size);
       if (!readField(compressed.data(), record.stored_size, remaining,
@@ -579,13 +679,21 @@ void TagFileReader::readOn() {
   words.clear();
   while (!block_loaded) {
     if (!readBlock()) {
-      block_loaded = false;
-      words.clear();
-      if (stream.is_open())
-        stream.close();
+      stopReading();
       return;
     }
   }
+}
+
+void TagFileReader::stopReading() {
+  // What the file made us hold goes back, which matters most after a damaged
+  // block that claimed a large size.
+  block_loaded = false;
+  end_seen = true;
+  std::vector<std::uint32_t>().swap(words);
+  std::vector<char>().swap(compressed);
+  if (stream.is_open())
+    stream.close();
 }
 
 void TagFileReader::skipBlock() {

@@ -121,6 +121,11 @@ struct TagBlock {
   bool use_compressed = false;
 };
 
+// Sets up the hashing and signing library and the key pair now rather than at
+// the first block, so that its own exit handlers are registered before any
+// that frees taggers.
+void prepareIntegrity();
+
 // Integrity primitives shared by writer and reader. Each returns false on failure.
 bool sha1Field(const void *data, std::size_t size, std::uint8_t (&field)[32]);
 bool signHash(const std::uint8_t (&hash)[32], std::uint8_t (&signature)[64]);
@@ -130,6 +135,11 @@ bool verifyHash(const std::uint8_t (&hash)[32], const std::uint8_t (&signature)[
 
 // Writes one part. Not thread-safe except seal(), which touches nothing but
 // the block it is given and may run on several threads at once.
+//
+// Writes go through a buffer of STREAM_BUFFER_SIZE bytes. The first failure of
+// the file (a write error, or its name no longer leading to it) makes every
+// writing call throw std::runtime_error "FileWriter: Error on writing to the
+// disk. ..." from then on; what reached the file before stays as it is.
 class TagFileWriter {
 public:
   using ChannelList = std::vector<std::pair<std::int32_t, std::int32_t>>; // (channel, inverted channel)
@@ -137,7 +147,7 @@ public:
   // Opens the part's file and writes BLOCK_FILE_HEADER. Throws std::runtime_error
   // naming `base_name` if the file can't be opened.
   TagFileWriter(const std::string &base_name, std::uint32_t part_index, const ctbin::FileId &file_id);
-  // Writes BLOCK_END and closes the file; never throws.
+  // Closes the file if close() didn't; never throws.
   ~TagFileWriter();
   TagFileWriter(const TagFileWriter &) = delete;
   TagFileWriter &operator=(const TagFileWriter &) = delete;
@@ -154,6 +164,10 @@ public:
   void write(ctbin::TagBlock *block);
   // Returns the block to this writer's pool.
   void recycle(ctbin::TagBlock *block);
+  // Writes BLOCK_END, empties the buffer and closes the file; throws if that
+  // fails. A part that failed before is closed as it is, without BLOCK_END, so
+  // that a reader finds the cut. Later calls do nothing.
+  void close();
 
   // A new part of a recording continues the overflow state of the last one.
   bool inOverflow() const { return overflow; }
@@ -162,16 +176,25 @@ public:
   std::int64_t getBytes() const { return bytes; }
   std::int64_t getEvents() const { return events; }
   const std::string &getFileName() const { return file_name; }
+  bool hasFailed() const { return !failure.empty(); }
 
 private:
   void writeBytes(const void *data, std::size_t size);
   void writePadding(std::size_t size);
+  void flushBuffer();
+  void writeOut(const char *data, std::size_t size);
+  void fail(const std::string &reason);
   void checkStream();
+  void checkFileName();
   void writeTextBlock(std::uint32_t block_type, const std::string &text);
 
   std::string file_name;
-  std::ofstream stream;
+  int fd = -1;
+  std::uint64_t file_device = 0; // identity of the open file, to notice its removal
+  std::uint64_t file_inode = 0;
   std::unique_ptr<char[]> stream_buffer;
+  std::size_t buffered = 0;
+  std::string failure; // the message of the first failure, empty while all is well
   std::vector<std::pair<std::int32_t, std::uint32_t>> channel_codes; // sorted by channel
   std::int32_t dense_base = 0;                                       // dense table for a compact channel range
   std::vector<std::int16_t> dense_codes;                             // -1: not recorded
@@ -199,6 +222,9 @@ public:
   bool decodeBlock(std::vector<Tag> &tags, std::int64_t start_time, std::int64_t &overflow_count);
   // Drops the loaded block undecoded and reads on.
   void skipBlock();
+  // Ends the reading of this file now, as damage would: no block is loaded
+  // any more and the memory held for blocks goes back.
+  void stopReading();
 
   bool hasBlock() const { return block_loaded; }
   bool isOpen() const;
@@ -219,6 +245,9 @@ private:
   bool takeField(std::size_t size, std::uint32_t &remaining);
   bool readField(void *data, std::size_t size, std::uint32_t &remaining, const char *message);
   bool readText(std::string &text, std::uint32_t &remaining, const char *message);
+  // Whether the rest of the file can hold `size` bytes; logs `message` if not.
+  // Checked before anything is sized from a field of the file.
+  bool fileHolds(std::uint64_t size, const char *message);
   bool verifyBlock();
 
   std::ifstream stream;

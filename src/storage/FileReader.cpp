@@ -33,15 +33,44 @@ FileReader::FileReader(const std::vector<std::string> &filenames)
 
 FileReader::~FileReader() = default;
 
-bool FileReader::openNextFile() {
-  if (list_position >= filenames.size())
+bool FileReader::openPart(const std::string &name) {
+  current.reset();
+  current_name = name;
+  try {
+    current = std::make_unique<TagFileReader>(name, false);
+    return true;
+  } catch (...) {
+    CT_ERROR("File '%s' could not be read: %s. Reading goes on after it.", name.c_str(),
+             currentExceptionText().c_str());
     return false;
-  part_index = 0;
-  base_name = filenames[list_position++];
-  const std::string name = ctbin::partName(base_name, part_index++);
-  current = std::make_unique<TagFileReader>(name, false);
-  file_id = current->getFileId();
-  return true;
+  }
+}
+
+bool FileReader::decodeCurrent(std::vector<Tag> &tags, std::int64_t begin_time) {
+  std::int64_t ignored_overflows = 0;
+  try {
+    return current->decodeBlock(tags, begin_time, ignored_overflows);
+  } catch (...) {
+    // Out of memory on a block, say: this part ends, what was read stays.
+    CT_ERROR("A block of '%s' could not be read: %s. The rest of this file is skipped.", current_name.c_str(),
+             currentExceptionText().c_str());
+    tags.clear();
+    current->stopReading();
+    return false;
+  }
+}
+
+bool FileReader::openNextFile() {
+  // A recording whose first file can't be read is passed over.
+  while (list_position < filenames.size()) {
+    part_index = 0;
+    base_name = filenames[list_position++];
+    if (openPart(ctbin::partName(base_name, part_index++))) {
+      file_id = current->getFileId();
+      return true;
+    }
+  }
+  return false;
 }
 
 bool FileReader::hasData() {
@@ -52,11 +81,10 @@ bool FileReader::getDataRaw(std::vector<Tag> &tag_buffer) {
   tag_buffer.clear();
   if (finished)
     return true;
-  std::int64_t ignored_overflows = 0;
   while (tag_buffer.empty()) {
     std::int64_t begin_time, end_time;
     if (current && current->getBlockSpan(begin_time, end_time)) {
-      current->decodeBlock(tag_buffer, begin_time, ignored_overflows);
+      decodeCurrent(tag_buffer, begin_time);
       if (last_time == -1)
         last_time = begin_time;
       if (finished)
@@ -64,15 +92,20 @@ bool FileReader::getDataRaw(std::vector<Tag> &tag_buffer) {
       continue;
     }
     tag_buffer.clear();
-    const std::string name = ctbin::partName(base_name, part_index++);
-    if (fileExists(name)) {
-      current = std::make_unique<TagFileReader>(name, false);
-      if (current->getFileId() != file_id) {
-        CT_ERROR("File '%s' matches the naming schema, but was not written in the same FileWriter. Skipped.",
-                 name.c_str());
-        return false;
+    // The next part of this recording; after a part that couldn't be read at
+    // all, the next recording.
+    if (current) {
+      const std::string name = ctbin::partName(base_name, part_index++);
+      if (fileExists(name) && openPart(name)) {
+        if (current->getFileId() != file_id) {
+          CT_ERROR("File '%s' matches the naming schema, but was not written in the same FileWriter. Skipped.",
+                   name.c_str());
+          return false;
+        }
+        continue;
       }
-    } else if (!openNextFile()) {
+    }
+    if (!openNextFile()) {
       finished = true;
       return false;
     }
@@ -84,10 +117,13 @@ TimeTagStreamBuffer FileReader::getData(std::uint64_t n_events) {
   TimeTagStreamBuffer result;
   result.size = 0;
   result.has_overflows = false;
-  result.tagChannels.reserve(n_events);
-  result.tagTimestamps.reserve(n_events);
-  result.tagMissedEvents.reserve(n_events);
-  result.tagTypes.reserve(n_events);
+  // Room for what is decoded already; a large n_events grows the columns as
+  // tags come instead of claiming all its memory up front.
+  const std::size_t expected = std::size_t(std::min<std::uint64_t>(n_events, tag_buffer.size() - buffer_position));
+  result.tagChannels.reserve(expected);
+  result.tagTimestamps.reserve(expected);
+  result.tagMissedEvents.reserve(expected);
+  result.tagTypes.reserve(expected);
   if (!finished) {
     while (true) {
       if (result.size >= n_events)

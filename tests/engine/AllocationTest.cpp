@@ -1,52 +1,15 @@
-// The normal path of a block allocates nothing: counted by replacing the
-// global allocation functions for this test program.
+// The normal path of a block allocates nothing: counted by the allocation
+// probe that replaces the global allocation functions of the test programs.
 
 #include "Probes.h"
+#include "support/AllocationProbe.h"
 #include "support/TestTagger.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
-namespace {
-std::atomic<bool> counting{false};
-std::atomic<long> worker_allocations{0};
-thread_local bool client_thread = false;
-
-void *allocate(std::size_t size) {
-  if (counting.load(std::memory_order_relaxed) && !client_thread) {
-    worker_allocations.fetch_add(1, std::memory_order_relaxed);
-  }
-  if (void *p = std::malloc(size == 0 ? 1 : size)) {
-    return p;
-  }
-  throw std::bad_alloc();
-}
-} // namespace
-
-void *operator new(std::size_t size) {
-  return allocate(size);
-}
-void *operator new[](std::size_t size) {
-  return allocate(size);
-}
-void operator delete(void *p) noexcept {
-  std::free(p);
-}
-void operator delete[](void *p) noexcept {
-  std::free(p);
-}
-void operator delete(void *p, std::size_t) noexcept {
-  std::free(p);
-}
-void operator delete[](void *p, std::size_t) noexcept {
-  std::free(p);
-}
-
 TEST(Engine, SteadyStateBlocksAllocateNothingOnWorkers) {
-  client_thread = true;
+  namespace allocation = chronotick::testing::allocation;
+  allocation::markClientThread();
   // One worker: with more, a worker that happened to sleep through the warm-up
   // would size its vector during the count.
   chronotick::testing::TestTagger tagger(8, chronotick::CT_CHANNEL_NUMBER_SCHEME_ONE, 1);
@@ -68,8 +31,9 @@ TEST(Engine, SteadyStateBlocksAllocateNothingOnWorkers) {
     tagger.waitUntilDone();
   };
   run(200); // warm up: vectors reach their working sizes
-  counting = true;
+  const long before = allocation::workerAllocations();
+  allocation::countWorkerAllocations(true);
   run(500);
-  counting = false;
-  EXPECT_EQ(worker_allocations.load(), 0);
+  allocation::countWorkerAllocations(false);
+  EXPECT_EQ(allocation::workerAllocations() - before, 0);
 }

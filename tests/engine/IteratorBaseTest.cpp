@@ -122,7 +122,9 @@ TEST(IteratorBase, StartForCutsInsideABlock) {
   rec.startFor(100, false);
   EXPECT_EQ(rec.starts(), 2);
   tagger.pushAndWait({}, 500, 540);
-  rec.startFor(100, false); // running: limit becomes 290 + 100
+  const std::uint32_t fence = tagger.getFence(false);
+  rec.startFor(100, false); // running: limit becomes 290 + 100, and no new fence
+  EXPECT_EQ(tagger.getFence(false), fence);
   tagger.pushAndWait({}, 540, 700);
   EXPECT_EQ(rec.getCaptureDuration(), 390);
   EXPECT_FALSE(rec.isRunning());

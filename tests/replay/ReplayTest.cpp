@@ -2,6 +2,7 @@
 // source, replayed into a TimeTagStream.
 
 #include "replay/ChronotickVirtualImpl.h"
+#include "support/AllocationProbe.h"
 #include "support/LogCapture.h"
 #include "support/TagFiles.h"
 
@@ -24,14 +25,7 @@ using testing::Block;
 using testing::firstDifference;
 using testing::makeTag;
 
-void record(const std::vector<Block> &blocks, const std::string &path, std::int64_t max_file_size = 0x40000000) {
-  testing::TestTagger source(8, CT_CHANNEL_NUMBER_SCHEME_ONE, 2);
-  FileWriter writer(&source, path, testing::RECORDED);
-  writer.setMaxFileSize(max_file_size);
-  for (const Block &block : blocks)
-    source.push(block.tags, block.begin_time, block.end_time);
-  source.waitUntilDone();
-}
+using testing::record;
 
 // A replay from stream time `at` of the recording's tags in [from, until).
 std::vector<Tag> shifted(const std::vector<Tag> &tags, std::int64_t at, std::int64_t from = 0,
@@ -188,6 +182,42 @@ TEST(Replay, ErrorAtAGapAndEmulationOnReplayedTags) {
   EXPECT_EQ(capture.count("File '" + (dir / "gap") +
                           ".2.ctbin' matches the naming schema, but was not written in the same FileWriter. Skipped."),
             1);
+}
+
+TEST(Replay, AFileThatCantBeReadEndsItsRecordingAndReplayGoesOn) {
+  namespace allocation = testing::allocation;
+  testing::TempDir dir;
+  const std::vector<Block> a{{{makeTag(1, 100), makeTag(2, 900)}, 0, 1000}};
+  const std::vector<Block> b{{{makeTag(5, 10), makeTag(8, 20)}, 0, 50}, {{makeTag(1, 60)}, 50, 70}};
+  record(a, dir / "a");
+  record(b, dir / "b");
+  const std::vector<Tag> tags_b = testing::expectedRecording(b);
+  testing::LogCapture capture;
+
+  ChronotickVirtualImpl tagger;
+  TimeTagStream stream(&tagger, 1000);
+  tagger.setReplaySpeed(0.0); // queue first, so that the failing requests are the files' own
+  // Each file's reader needs a 1 MiB buffer. The very first file fails to
+  // open: its recording is passed over, and the next plays from the start.
+  allocation::failLargeRequests(std::size_t(1) << 20, 0, 1);
+  tagger.replay(dir / "a");
+  tagger.replay(dir / "b");
+  tagger.setReplaySpeed(-1.0);
+  EXPECT_TRUE(tagger.waitForCompletion());
+  EXPECT_EQ(firstDifference(testing::tagsOf(stream.getData()), tags_b), "");
+
+  // A later part that fails ends its recording after what it delivered; the
+  // next recording starts with an Error.
+  tagger.setReplaySpeed(0.0);
+  allocation::failLargeRequests(std::size_t(1) << 20, 1, 1);
+  tagger.replay(dir / "a");
+  tagger.replay(dir / "b");
+  tagger.setReplaySpeed(-1.0);
+  EXPECT_TRUE(tagger.waitForCompletion());
+  allocation::stopFailing();
+  EXPECT_EQ(firstDifference(testing::tagsOf(stream.getData()), afterError(tags_b, 70)), "");
+  EXPECT_EQ(capture.count("' could not be read: std::bad_alloc. Replay goes on after it.", LOGGER_ERROR), 2);
+  EXPECT_EQ(capture.messages().size(), 2u);
 }
 
 TEST(Replay, ChannelServices) {

@@ -1,4 +1,5 @@
 #include "storage/ChronotickFileIO.h"
+#include "support/AllocationProbe.h"
 #include "support/LogCapture.h"
 #include "support/TagFiles.h"
 
@@ -149,4 +150,46 @@ TEST(FileReader, BadInput) {
   EXPECT_TRUE(reader.hasData());
   EXPECT_EQ(reader.getData(100).size, 0u);
   EXPECT_FALSE(reader.hasData());
+}
+
+TEST(FileReader, ReadFailuresEndOnlyThePartThatFailed) {
+  namespace allocation = chronotick::testing::allocation;
+  TempDir dir;
+  // Part 1 of "big" holds a small block, one too large for the memory left,
+  // and another small one.
+  std::vector<Tag> large;
+  for (int i = 0; i < 70000; ++i)
+    large.push_back(makeTag(1 + i % 2, 2000 + i));
+  const std::vector<Tag> first{makeTag(1, 10), makeTag(2, 20)}, last{makeTag(2, 80000)};
+  writeRecording(dir / "big", {5, 5, 5, 5}, {first});
+  {
+    TagFileWriter writer(dir / "big", 1, {5, 5, 5, 5});
+    writer.writeChannelList({{1, -1}, {2, -2}});
+    for (auto [tags, begin, end] :
+         {std::tuple(first, 0, 1000), std::tuple(large, 1000, 75000), std::tuple(last, 75000, 90000)}) {
+      ctbin::TagBlock *block = writer.pack(tags, begin, end);
+      writer.seal(block);
+      writer.write(block);
+      writer.recycle(block);
+    }
+  }
+  const std::vector<Tag> other{makeTag(1, 50), makeTag(2, 60)};
+  writeRecording(dir / "unread", {6, 6, 6, 6}, {other});
+  writeRecording(dir / "other", {7, 7, 7, 7}, {other});
+
+  LogCapture capture;
+  // Every part's reader needs a 1 MiB buffer, and decoding the large block
+  // more than that: the third such request (the large block's tags) fails,
+  // and so does the fourth ("unread", part 0).
+  allocation::failLargeRequests(std::size_t(1) << 20, 2, 2);
+  FileReader reader({dir / "big", dir / "unread", dir / "other"});
+  std::vector<Tag> got;
+  while (reader.hasData()) {
+    const std::vector<Tag> more = tagsOf(reader.getData(1000000));
+    got.insert(got.end(), more.begin(), more.end());
+  }
+  allocation::stopFailing();
+  EXPECT_EQ(firstDifference(got, joined({first, other})), "");
+  EXPECT_EQ(capture.count("The rest of this file is skipped.", LOGGER_ERROR), 1);
+  EXPECT_EQ(capture.count("' could not be read: std::bad_alloc. Reading goes on after it.", LOGGER_ERROR), 1);
 }

@@ -178,5 +178,7 @@ TEST(FileWriter, Errors) {
   }
   tagger.waitUntilDone();
   EXPECT_FALSE(writer.isRunning());
-  EXPECT_EQ(capture.count(": FileWriter: Error on writing to the disk."), 1);
+  EXPECT_EQ(capture.count(": FileWriter: Error on writing to the disk. Writing '" + dir / "full.1.ctbin" +
+                          "' failed: No space left on device. Recording stopped."),
+            1);
 }

@@ -1,4 +1,6 @@
 #include "storage/ChronotickFileIO.h"
+#include "support/AllocationProbe.h"
+#include "support/CraftedFiles.h"
 #include "support/LogCapture.h"
 #include "support/TagFiles.h"
 
@@ -18,72 +20,8 @@ using namespace chronotick::testing;
 
 namespace {
 
-using Words = std::vector<std::uint32_t>;
 constexpr std::uint32_t W24 = 1u << 24;
 const std::int64_t B48 = std::int64_t(1) << 48;
-
-std::uint32_t word(std::uint32_t code, std::uint32_t field) {
-  return code | field << 8;
-}
-
-// Deviations of a crafted time tag block from a correct one.
-struct Tweaks {
-  std::uint32_t compression = 0;
-  std::int64_t word_count = -1; // declared count, if not the real one
-  bool bad_hash = false;
-  bool bad_signature = false;
-  std::string excess; // bytes after the data, counted in size
-};
-
-// Builds .ctbin bytes by hand, so that the reader meets files that no writer
-// of ours would produce.
-struct Builder {
-  std::string bytes;
-
-  Builder &raw(const void *data, std::size_t n) {
-    bytes.append(static_cast<const char *>(data), n);
-    return *this;
-  }
-  Builder &raw(const std::string &text) { return raw(text.data(), text.size()); }
-  Builder &u32s(std::initializer_list<std::uint32_t> values) { return raw(std::data(values), 4 * values.size()); }
-  Builder &block(std::uint32_t type, const std::string &payload, std::int64_t declared = -1,
-                 std::uint32_t magic = 0x5443494E) {
-    u32s({magic, std::uint32_t(declared < 0 ? payload.size() : declared), type, 0u}).raw(payload);
-    return raw(std::string((16 - bytes.size() % 16) % 16, '\0'));
-  }
-  Builder &header(std::uint32_t min_reader = 1) {
-    return block(2, Builder().u32s({16u, 1u, min_reader, 0u, 7u, 8u, 9u, 10u}).bytes);
-  }
-  Builder &channelMap(const std::vector<std::tuple<std::uint32_t, std::int32_t, std::int32_t>> &entries) {
-    Builder p;
-    p.u32s({std::uint32_t(entries.size()), 0, 0, 0});
-    for (auto [code, channel, inverted] : entries)
-      p.u32s({code, std::uint32_t(channel), std::uint32_t(inverted), 0u});
-    return block(3, p.bytes);
-  }
-  Builder &timeTags(std::int64_t begin, std::int64_t end, const Words &words, const Tweaks &t = {}) {
-    std::string data(reinterpret_cast<const char *>(words.data()), words.size() * 4);
-    if (t.compression == 1) {
-      std::string out(std::size_t(LZ4_compressBound(int(data.size()))), '\0');
-      out.resize(std::size_t(LZ4_compress_default(data.data(), out.data(), int(data.size()), int(out.size()))));
-      data = out;
-    }
-    std::uint8_t hash[32] = {}, signature[64] = {};
-    unsigned int length = 0;
-    EVP_Digest(words.data(), words.size() * 4, hash, &length, EVP_sha1(), nullptr);
-    ctbin::signHash(hash, signature);
-    hash[3] ^= t.bad_hash;
-    signature[10] ^= t.bad_signature;
-    const std::int64_t times[] = {begin, end, end - begin};
-    Builder r;
-    r.raw(times, sizeof times);
-    r.u32s({std::uint32_t(t.word_count < 0 ? words.size() : t.word_count), std::uint32_t(data.size()), 1u,
-            t.compression, 1u, 0u});
-    r.raw(hash, 32).raw(signature, 64);
-    return block(4, r.bytes + data + t.excess);
-  }
-  Builder &end() { return block(1, ""); }
-};
 
 struct ReadResult {
   std::vector<std::vector<Tag>> blocks;
@@ -238,6 +176,71 @@ TEST(TagFileFormat, ReaderMessages) {
   // Without signature checking a damaged hash goes unnoticed.
   writeFile(name, file().timeTags(0, 10, w, {.bad_hash = true}).bytes);
   EXPECT_EQ(readAll(name, false).blocks.size(), 1u);
+}
+
+TEST(TagFileFormat, SizeFieldsThatTheFileCantHoldAllocateNothing) {
+  namespace allocation = chronotick::testing::allocation;
+  TempDir dir;
+  const std::string name = dir / "claims.ctbin";
+  const std::string access = "File access failed";
+  auto claim = [](std::uint32_t type, const std::string &payload, std::uint32_t size) {
+    return Builder().header().claim(type, payload, size);
+  };
+  auto record = Builder::timeTagRecord;
+  const std::uint32_t huge = 0xFFFFFFF0, huge_data = huge - 144;
+  const struct {
+    const char *what;
+    Builder file;
+    std::vector<std::string> messages;
+  } cases[] = {
+      {"raw words",
+       claim(4, record(huge_data / 4, huge_data, 0), huge),
+       {access, "Time tag block data could not be loaded"}},
+      {"compressed bytes",
+       claim(4, record(16, huge_data, 1), huge),
+       {access, "Compressed time tag block data could not be loaded"}},
+      {"decompressed words",
+       Builder().header().timeTags(0, 10, {word(0, 1)}, {.compression = 1, .word_count = 0x3FFFFFFF}),
+       {"Time tag block data could not be decompressed"}},
+      {"channel map",
+       claim(3, Builder().u32s({0x0FFFFFFE, 0, 0, 0}).bytes, huge),
+       {access, "Channel map data could not be loaded"}},
+      {"marker", claim(6, "abc", huge), {access, "last_marker could not be loaded"}},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    writeFile(name, c.file.bytes);
+    allocation::startMeasuring();
+    const ReadResult result = readAll(name);
+    const allocation::Usage usage = allocation::usage();
+    allocation::stopMeasuring();
+    EXPECT_TRUE(result.blocks.empty());
+    ASSERT_EQ(result.log.size(), c.messages.size());
+    for (std::size_t i = 0; i < c.messages.size(); ++i)
+      EXPECT_TRUE(endsWith(result.log[i], c.messages[i])) << result.log[i];
+    EXPECT_LT(usage.largest, std::size_t(2) << 20) << "the stream buffer is the largest thing a reader needs";
+  }
+
+  // What a large good block made the reader hold goes back once a damaged
+  // block ends the file, although the reader lives on.
+  Words zeros(1 << 20, word(0, 0));
+  writeFile(name, Builder()
+                      .header()
+                      .timeTags(0, 10, zeros, {.compression = 1})
+                      .timeTags(10, 20, {word(0, 1)}, {.word_count = 3})
+                      .bytes);
+  LogCapture capture;
+  allocation::startMeasuring();
+  {
+    TagFileReader reader(name, true);
+    EXPECT_TRUE(reader.hasBlock());
+    EXPECT_GT(allocation::usage().growth, std::int64_t(4) << 20);
+    reader.skipBlock();
+    EXPECT_FALSE(reader.hasBlock());
+    EXPECT_LT(allocation::usage().growth, std::int64_t(2) << 20);
+  }
+  allocation::stopMeasuring();
+  EXPECT_EQ(capture.count("Block is too small"), 1);
 }
 
 TEST(TagFileFormat, WriterLayoutAndCutRecordings) {

@@ -8,6 +8,7 @@
 #include "support/TestTagger.h"
 
 #include <chronotick/FileReader.h>
+#include <chronotick/FileWriter.h>
 #include <chronotick/Tag.h>
 #include <chronotick/TimeTagStream.h>
 
@@ -107,6 +108,16 @@ inline std::vector<Tag> tagsOf(const TimeTagStreamBuffer &buffer) {
 
 // Channel 3 is drawn but left out of the recordings.
 inline const std::vector<std::int32_t> RECORDED{1, 2, -1, 5, 8};
+
+// Records `blocks` over RECORDED with a FileWriter on a test source.
+inline void record(const std::vector<Block> &blocks, const std::string &path, std::int64_t max_file_size = 0x40000000) {
+  TestTagger source(8, CT_CHANNEL_NUMBER_SCHEME_ONE, 2);
+  FileWriter writer(&source, path, RECORDED);
+  writer.setMaxFileSize(max_file_size);
+  for (const Block &block : blocks)
+    source.push(block.tags, block.begin_time, block.end_time);
+  source.waitUntilDone();
+}
 
 struct StreamOptions {
   int blocks = 40;
