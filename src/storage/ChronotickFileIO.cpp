@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <stdexcept>
 #include <string_view>
@@ -449,10 +450,23 @@ void TagFileWriter::recycle(TagBlock *block) {
 
 // ---------------------------------------------------------------- reader
 
-TagFileReader::TagFileReader(const std::string &file_name, bool check_signature)
-    : stream_buffer(new char[STREAM_BUFFER_SIZE]), check_signature(check_signature) {
+namespace {
+// A small part needs no more buffer than it has bytes: many parts, or many
+// readers at once, then cost little.
+std::size_t readBufferSize(const std::string &file_name) {
+  std::error_code error;
+  const std::uintmax_t size = std::filesystem::file_size(file_name, error);
+  if (error)
+    return MIN_READ_BUFFER_SIZE;
+  return std::size_t(std::clamp<std::uintmax_t>(size, MIN_READ_BUFFER_SIZE, STREAM_BUFFER_SIZE));
+}
+} // namespace
+
+TagFileReader::TagFileReader(const std::string &file_name, bool check_signature) : check_signature(check_signature) {
+  const std::size_t buffer_size = readBufferSize(file_name);
+  stream_buffer.reset(new char[buffer_size]);
   code_channels.fill(CHANNEL_UNUSED);
-  stream.rdbuf()->pubsetbuf(stream_buffer.get(), STREAM_BUFFER_SIZE);
+  stream.rdbuf()->pubsetbuf(stream_buffer.get(), std::streamsize(buffer_size));
   stream.open(file_name, std::ios::binary | std::ios::in);
   if (stream.is_open()) {
     stream.seekg(0, std::ios::end);

@@ -28,6 +28,7 @@ constexpr std::uint32_t VERSION = 1;
 constexpr std::uint32_t MIN_READER_VERSION = 1;
 constexpr std::uint32_t READER_VERSION = 1; // files asking for more are refused
 constexpr std::size_t STREAM_BUFFER_SIZE = 1048576;
+constexpr std::size_t MIN_READ_BUFFER_SIZE = 4096; // a reader's buffer is the file's size within these
 constexpr std::uint32_t COMPRESSION_FLOOR = 1024; // blocks of fewer word bytes are stored raw
 constexpr std::uint32_t MAX_CHANNEL_CODE = 250;
 constexpr const char *FILE_EXTENSION = ".ctbin";

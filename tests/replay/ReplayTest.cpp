@@ -187,9 +187,9 @@ TEST(Replay, ErrorAtAGapAndEmulationOnReplayedTags) {
 TEST(Replay, AFileThatCantBeReadEndsItsRecordingAndReplayGoesOn) {
   namespace allocation = testing::allocation;
   testing::TempDir dir;
-  const std::vector<Block> a{{{makeTag(1, 100), makeTag(2, 900)}, 0, 1000}};
+  // A configuration text this long makes each part's reader take a buffer of 1 MiB.
+  testing::writeRecording(dir / "a", {1, 1, 1, 1}, {{makeTag(1, 100), makeTag(2, 900)}}, std::string(1536 * 1024, ' '));
   const std::vector<Block> b{{{makeTag(5, 10), makeTag(8, 20)}, 0, 50}, {{makeTag(1, 60)}, 50, 70}};
-  record(a, dir / "a");
   record(b, dir / "b");
   const std::vector<Tag> tags_b = testing::expectedRecording(b);
   testing::LogCapture capture;
@@ -197,8 +197,8 @@ TEST(Replay, AFileThatCantBeReadEndsItsRecordingAndReplayGoesOn) {
   ChronotickVirtualImpl tagger;
   TimeTagStream stream(&tagger, 1000);
   tagger.setReplaySpeed(0.0); // queue first, so that the failing requests are the files' own
-  // Each file's reader needs a 1 MiB buffer. The very first file fails to
-  // open: its recording is passed over, and the next plays from the start.
+  // Requests of 1 MiB and more are a's. Its very first file fails to open:
+  // the recording is passed over, and the next plays from the start.
   allocation::failLargeRequests(std::size_t(1) << 20, 0, 1);
   tagger.replay(dir / "a");
   tagger.replay(dir / "b");
@@ -206,10 +206,10 @@ TEST(Replay, AFileThatCantBeReadEndsItsRecordingAndReplayGoesOn) {
   EXPECT_TRUE(tagger.waitForCompletion());
   EXPECT_EQ(firstDifference(testing::tagsOf(stream.getData()), tags_b), "");
 
-  // A later part that fails ends its recording after what it delivered; the
-  // next recording starts with an Error.
+  // A later part that fails (after part 0's buffer and text) ends its
+  // recording there; the next recording starts with an Error, as after a gap.
   tagger.setReplaySpeed(0.0);
-  allocation::failLargeRequests(std::size_t(1) << 20, 1, 1);
+  allocation::failLargeRequests(std::size_t(1) << 20, 2, 1);
   tagger.replay(dir / "a");
   tagger.replay(dir / "b");
   tagger.setReplaySpeed(-1.0);

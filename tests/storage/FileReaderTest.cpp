@@ -12,24 +12,6 @@ using namespace chronotick::testing;
 
 namespace {
 
-// Writes a recording: part 0 with the prelude only, then one part per entry
-// of `parts`, each holding its tags in one block.
-void writeRecording(const std::string &base, const ctbin::FileId &id, const std::vector<std::vector<Tag>> &parts,
-                    const std::string &config = "{}") {
-  for (std::size_t p = 0; p <= parts.size(); ++p) {
-    TagFileWriter writer(base, std::uint32_t(p), id);
-    writer.writeConfiguration(config);
-    writer.writeChannelList({{1, -1}, {2, -2}});
-    if (p > 0) {
-      const std::vector<Tag> &tags = parts[p - 1];
-      ctbin::TagBlock *block = writer.pack(tags, tags.front().time - 5, tags.back().time + 5);
-      writer.seal(block);
-      writer.write(block);
-      writer.recycle(block);
-    }
-  }
-}
-
 std::vector<Tag> joined(const std::vector<std::vector<Tag>> &parts) {
   std::vector<Tag> all;
   for (const auto &p : parts)
@@ -174,14 +156,14 @@ TEST(FileReader, ReadFailuresEndOnlyThePartThatFailed) {
     }
   }
   const std::vector<Tag> other{makeTag(1, 50), makeTag(2, 60)};
-  writeRecording(dir / "unread", {6, 6, 6, 6}, {other});
+  // A configuration text this long makes each part's reader take a buffer of 1 MiB.
+  writeRecording(dir / "unread", {6, 6, 6, 6}, {other}, std::string(1536 * 1024, ' '));
   writeRecording(dir / "other", {7, 7, 7, 7}, {other});
 
   LogCapture capture;
-  // Every part's reader needs a 1 MiB buffer, and decoding the large block
-  // more than that: the third such request (the large block's tags) fails,
-  // and so does the fourth ("unread", part 0).
-  allocation::failLargeRequests(std::size_t(1) << 20, 2, 2);
+  // Requests of 1 MiB and more: the large block's tags fail, and so does the
+  // buffer of "unread", part 0.
+  allocation::failLargeRequests(std::size_t(1) << 20, 0, 2);
   FileReader reader({dir / "big", dir / "unread", dir / "other"});
   std::vector<Tag> got;
   while (reader.hasData()) {

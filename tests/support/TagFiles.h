@@ -4,6 +4,7 @@
 // bypasses the codec, random block streams and an independent model of what
 // a recording of them gives back.
 
+#include "storage/ChronotickFileIO.h"
 #include "support/RandomTagStreams.h"
 #include "support/TestTagger.h"
 
@@ -79,6 +80,24 @@ inline std::vector<std::string> partFiles(const std::string &base) {
     parts.push_back(base + "." + std::to_string(parts.size()) + ".ctbin");
   parts.pop_back();
   return parts;
+}
+
+// Writes a recording: part 0 with the prelude only, then one part per entry
+// of `parts`, each holding its tags in one block.
+inline void writeRecording(const std::string &base, const ctbin::FileId &id, const std::vector<std::vector<Tag>> &parts,
+                           const std::string &config = "{}") {
+  for (std::size_t p = 0; p <= parts.size(); ++p) {
+    TagFileWriter writer(base, std::uint32_t(p), id);
+    writer.writeConfiguration(config);
+    writer.writeChannelList({{1, -1}, {2, -2}});
+    if (p > 0) {
+      const std::vector<Tag> &tags = parts[p - 1];
+      ctbin::TagBlock *block = writer.pack(tags, tags.front().time - 5, tags.back().time + 5);
+      writer.seal(block);
+      writer.write(block);
+      writer.recycle(block);
+    }
+  }
 }
 
 inline std::vector<Tag> readRecording(const std::vector<std::string> &names) {
