@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs the whole test suite: the optimised build with
 # warnings as errors, then every suite again under ThreadSanitizer and under
-# AddressSanitizer with UndefinedBehaviorSanitizer. Installs what is missing first.
+# AddressSanitizer with UndefinedBehaviorSanitizer, and a short fuzzing run of
+# the recording readers. Installs what is missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,3 +22,6 @@ echo "== AddressSanitizer and UndefinedBehaviorSanitizer: all suites =="
 cmake --preset asan >/dev/null
 cmake --build --preset asan
 ctest --preset asan
+
+echo "== fuzzing the recording readers =="
+bash scripts/fuzz.sh 30
