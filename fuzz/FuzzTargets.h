@@ -19,14 +19,14 @@
 #include <lz4.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <atomic>
-#include <chrono>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -183,8 +183,8 @@ inline void resealTimeTagBlocks(std::string &bytes) {
         } else if (record.compression == COMPRESSION_LZ4 && n <= stored * 255 + 16 &&
                    n <= std::uint64_t(LZ4_MAX_INPUT_SIZE)) {
           words.resize(record.word_count);
-          const int result = LZ4_decompress_safe(bytes.data() + data, reinterpret_cast<char *>(words.data()),
-                                                 int(stored), int(n));
+          const int result =
+              LZ4_decompress_safe(bytes.data() + data, reinterpret_cast<char *>(words.data()), int(stored), int(n));
           hashed = result >= 0 && std::uint64_t(result) == n && sha1Field(words.data(), n, record.hash);
         }
       }

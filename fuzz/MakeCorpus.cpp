@@ -167,9 +167,8 @@ int main(int argc, char **argv) {
   damage("huge_lz4_word_count", [&](std::string &b) {
     store32(b, lz4.offset + field(offsetof(TimeTagBlockRecord, word_count)), 0x3FFFFF00u);
   });
-  damage("bad_compression", [&](std::string &b) {
-    store32(b, raw.offset + field(offsetof(TimeTagBlockRecord, compression)), 7);
-  });
+  damage("bad_compression",
+         [&](std::string &b) { store32(b, raw.offset + field(offsetof(TimeTagBlockRecord, compression)), 7); });
   damage("bad_lz4_data", [&](std::string &b) {
     for (std::size_t i = 0; i < 24; ++i)
       b[lz4.offset + data + 8 + i] = char(0xFF);

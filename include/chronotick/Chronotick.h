@@ -2,6 +2,7 @@
 
 // The whole public interface of the library.
 
+#include <chronotick/ChannelScheme.h>
 #include <chronotick/ChronotickBase.h>
 #include <chronotick/Export.h>
 #include <chronotick/Iterator.h>
@@ -10,6 +11,7 @@
 #include <chronotick/OrderedBarrier.h>
 #include <chronotick/Tag.h>
 #include <chronotick/TimeTagStream.h>
+#include <chronotick/TimeTagStreamBuffer.h>
 
 #include <chronotick/Channels.h>
 #include <chronotick/Measurements.h>

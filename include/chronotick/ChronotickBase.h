@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chronotick/ChannelScheme.h>
 #include <chronotick/Export.h>
 
 #include <cstdint>

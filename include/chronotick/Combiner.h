@@ -12,6 +12,18 @@ namespace chronotick {
 
 // Merges several channels into one new channel and counts the tags of each
 // input. The block's own tags stay; each copy stands right behind its source.
+//
+// Events handled: every tag on an input channel is copied to the new channel
+// with its type kept, and counted as one. So a TimeTag gives a TimeTag, and a
+// MissedEvents tag of an input gives a MissedEvents tag on the new channel
+// (counted once, whatever its missed_events). Error and OverflowBegin/End
+// carry no channel: they pass unchanged and are neither copied nor counted.
+// A channel listed twice is copied and counted twice. The counts survive
+// stop and start; clear resets them.
+// Arguments: nothing is checked; an empty list gives a channel that never
+// fires.
+// Thread safety: getters may be called from any thread while the stream runs;
+// getData takes the measurement's lock.
 class CHRONOTICK_API Combiner : public IteratorBase {
 public:
   Combiner(ChronotickBase *tagger, std::vector<std::int32_t> channels);
@@ -19,7 +31,8 @@ public:
 
   // The new channel.
   std::int32_t getChannel();
-  // Tags seen per input since the last clear, in the order of the inputs.
+  // allocate(number of inputs): tags seen per input since the last clear, in
+  // the order of the inputs.
   void getData(std::function<std::int64_t *(std::size_t)> allocator);
 
 protected:

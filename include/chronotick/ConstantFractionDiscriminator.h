@@ -16,12 +16,33 @@ class ChronotickBase;
 // channel followed by the edge of its inverted channel within search_window.
 // The centre is independent of the pulse height. The whole stream leaves
 // delayed by search_window / 2 so that centres fall in order.
+//
+// A pulse is the latest leading edge (a TimeTag on a named channel) and the
+// next edge on its inverted channel less than search_window (ps) after it;
+// each leading edge serves one pulse at most. The centre tag goes out on the
+// pair's output channel at the midpoint of the two edges (rounded up to a
+// whole ps) plus search_window / 2, the delay of every other tag; a stream tag
+// and a centre of the same time leave the stream tag first.
+// Events handled: Error, OverflowBegin/End and MissedEvents: the tags due
+// before the break (in delayed time) go out first; everything still held back
+// (the last search_window / 2 of the stream, on all channels) and every
+// centre not yet out are dropped, open leading edges are forgotten, and the
+// break tag itself passes undelayed.
+// A start does the same without a break tag, so the last search_window / 2
+// of the stream before a stop never reaches later measurements. Clear
+// changes nothing.
+// Arguments: throws std::invalid_argument("search_window must be at least 1
+// ps"), and std::invalid_argument("Channel number <c> has no inverted edge
+// required for the CFD") for a channel c whose inverted channel is unused.
+// Thread safety: getChannels returns what was fixed at construction and may
+// be called from any thread.
 class CHRONOTICK_API ConstantFractionDiscriminator : public IteratorBase {
 public:
   ConstantFractionDiscriminator(ChronotickBase *tagger, std::vector<std::int32_t> channels, std::int64_t search_window);
   ~ConstantFractionDiscriminator() override;
 
-  // One output channel for each entry of the constructor's list, in order.
+  // One output channel for each entry of the constructor's list, in order; a
+  // channel named twice gets the same output channel twice.
   std::vector<std::int32_t> getChannels();
 
 protected:

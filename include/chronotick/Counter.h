@@ -14,16 +14,31 @@ class ChronotickBase;
 
 // Rolling trace of the number of tags per time bin, one row a channel, for
 // the most recent n_values bins.
+//
+// Bins are binwidth ps wide. The grid is anchored at the beginning of the
+// first block after a start or clear, and after a break at the next counted
+// tag (or the end of the block).
+// Events handled: TimeTag on a listed channel: counted in the bin of its time;
+// a channel listed twice counts in both rows. Error, OverflowBegin/End and
+// MissedEvents: the bin being filled is emptied on every row and the grid
+// re-anchors as above; finished bins stay, and no bin marks the gap. Lost
+// tags are not counted.
+// A start keeps the finished bins and drops the bin being filled; clear
+// empties every bin.
+// Arguments: throws std::invalid_argument("binwidth must be at least 1 ps")
+// and std::invalid_argument("n_values must be at least 1").
+// Thread safety: getters may be called from any thread while the stream runs;
+// getData takes the measurement's lock.
 class CHRONOTICK_API Counter : public IteratorBase {
 public:
   Counter(ChronotickBase *tagger, std::vector<std::int32_t> channels, std::int64_t binwidth = 1000000000,
           std::int32_t n_values = 1);
   ~Counter() override;
 
-  // allocate(number of channels, n_values); oldest bin first, the bin being
-  // filled is left out.
+  // allocate(number of channels, n_values): tags per bin, oldest bin first;
+  // the bin being filled is left out, bins not reached yet are 0.
   void getData(std::function<std::int32_t *(std::size_t, std::size_t)> allocate);
-  // allocate(n_values); element i is i * binwidth.
+  // allocate(n_values); element i is i * binwidth, in ps.
   void getIndex(std::function<std::int64_t *(std::size_t)> allocate);
 
 protected:

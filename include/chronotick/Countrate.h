@@ -14,14 +14,27 @@ class ChronotickBase;
 
 // Average rate of each channel since the measurement began, and the total
 // number of its tags.
+//
+// Events handled: TimeTag on a listed channel: one count. MissedEvents on a
+// listed channel: missed_events counts, so tags lost in an overflow still
+// count. Error: the rate restarts, counting from the first tag of a listed
+// channel after it; the total goes on. OverflowBegin/End: ignored. A channel
+// listed twice counts at each of its places.
+// A start begins afresh, the totals included, as does clear.
+// Thread safety: getters may be called from any thread while the stream runs;
+// they take the measurement's lock.
 class CHRONOTICK_API Countrate : public IteratorBase {
 public:
   Countrate(ChronotickBase *tagger, std::vector<std::int32_t> channels);
   ~Countrate() override;
 
-  // allocate(number of channels); counts per second.
+  // allocate(number of channels); counts per second: the counts since the
+  // start (or the last Error) divided by the stream time from the beginning
+  // of the first block after the start (or from the first tag counted after
+  // the Error) to the end of the last block seen; 0 before any time passed.
   void getData(std::function<double *(std::size_t)> allocate);
-  // allocate(number of channels); tags since the last clear.
+  // allocate(number of channels); counts (tags and missed events) since the
+  // last start or clear.
   void getCountsTotal(std::function<std::int64_t *(std::size_t)> allocate);
 
 protected:

@@ -13,6 +13,26 @@ namespace chronotick {
 // positive delay the copies are held back; with a negative delay the rest of
 // the stream is held back instead, so that the copies run ahead of their
 // sources. Either way the block stays in time order.
+//
+// Delay 0 or more: the stream passes unchanged, and each TimeTag of an input
+// gets a copy at its time + delay, behind stream tags of the same time.
+// Error: copies due before it go out, the ones still waiting are dropped.
+// OverflowBegin/End: copies that fall due between the two are dropped with
+// the data around them. MissedEvents: not copied.
+// Negative delay: each TimeTag of an input is copied at once, at its own time,
+// and every tag of the stream, breaks included, leaves |delay| ps later than
+// it came: downstream, all channels run |delay| behind. A copy that lands
+// inside an overflow stretch of the delayed stream becomes a MissedEvents tag
+// (missed_events 1). Error and MissedEvents: not copied; they pass delayed
+// like every other tag.
+// A start drops whatever is still held back, so with a negative delay the
+// last |delay| of the stream before a stop never reaches later measurements.
+// Clear changes nothing.
+// Arguments: the list constructor throws std::runtime_error("redundant
+// channels are not permitted") for a channel named twice.
+// Thread safety: setDelay takes the measurement's lock; the channel getters
+// return what was fixed at construction. All may be called from any thread
+// while the stream runs.
 class CHRONOTICK_API DelayedChannel : public IteratorBase {
 public:
   DelayedChannel(ChronotickBase *tagger, std::int32_t input_channel, std::int64_t delay);
@@ -23,8 +43,11 @@ public:
   std::int32_t getChannel();
   // The copies, in the order of the inputs.
   std::vector<std::int32_t> getChannels();
-  // A smaller positive delay drops the copies that are waiting. A negative
-  // delay can't follow a positive one once built.
+  // Delay in ps. A smaller delay of 0 or more drops the copies that are
+  // waiting; a larger one keeps them with their times. A negative delay can't
+  // follow one of 0 or more: that throws std::invalid_argument("changing from
+  // a positive delay to a negative delay while running is not supported"),
+  // whether the measurement runs or not.
   void setDelay(std::int64_t delay);
 
 protected:

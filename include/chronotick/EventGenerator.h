@@ -17,6 +17,29 @@ class ChronotickBase;
 // one numbered divider_offset. A tag on stop_channel cancels whatever is
 // still pending. Negative pattern values delay the whole stream so that the
 // generated tags can be put in order.
+//
+// Triggers are numbered from 0 at each start and clear. The patterns of
+// successive triggers may overlap; all are played. The pattern is sorted, and
+// an empty one generates nothing. With a negative smallest value v, every tag
+// of the stream (all channels, breaks included) leaves -v ps later than it
+// came, and the generated tags keep their place relative to the delayed
+// trigger. Generated tags stand behind stream tags of the same time.
+// Events handled: TimeTag on the trigger channel: a trigger as above (a
+// MissedEvents tag there is not one). A tag on stop_channel: every generated
+// tag timed at or after the stop tag's arrival time is cancelled; with a
+// negative pattern value the stop tag itself leaves -v later, so generated
+// tags up to -v before it are cancelled too. Error: generated tags due before
+// it go out, the rest of every pattern being played is dropped; the trigger
+// count goes on. OverflowBegin/End: generated tags that fall between the two become
+// MissedEvents tags (missed_events 1). MissedEvents: passes unchanged.
+// A start or clear drops every pattern being played and what is held back of
+// the stream, so with a negative pattern value the last -v of the stream
+// before a stop never reaches later measurements.
+// Arguments: throws std::runtime_error("negative or zero trigger dividers are
+// not supported") for a trigger_divider of 0, and std::runtime_error(
+// "divider_offset must be smaller than trigger_divider").
+// Thread safety: getChannel returns what was fixed at construction and may be
+// called from any thread.
 class CHRONOTICK_API EventGenerator : public IteratorBase {
 public:
   EventGenerator(ChronotickBase *tagger, std::int32_t trigger_channel, std::vector<std::int64_t> pattern,
@@ -24,6 +47,7 @@ public:
                  std::int32_t stop_channel = CHANNEL_UNUSED);
   ~EventGenerator() override;
 
+  // The channel of the generated tags.
   std::int32_t getChannel();
 
 protected:

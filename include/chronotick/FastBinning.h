@@ -10,6 +10,11 @@ namespace chronotick {
 // cheapest arithmetic that is exact for every v up to max_duration. The choice
 // is made once; users read getMode() once per block and run a copy of their
 // loop that has that mode's arithmetic compiled in.
+//
+// It doesn't see the stream itself: the histograms use it to bin time
+// differences in ps. divisor must be at least 1; it is not checked, and 0
+// divides by zero. An object is never changed after construction, so any
+// number of threads may read it at once.
 class CHRONOTICK_API FastBinning {
 public:
   enum class Mode : std::int32_t {
@@ -40,8 +45,6 @@ public:
   std::uint32_t getShift() const { return shift; }
 
 private:
-  static std::uint64_t MulHigh(std::uint64_t a, std::uint64_t b);
-
   std::uint64_t divisor;
   std::uint64_t max_duration;
   std::uint64_t factor;

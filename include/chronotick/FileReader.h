@@ -2,6 +2,7 @@
 
 #include <chronotick/Export.h>
 #include <chronotick/Tag.h>
+#include <chronotick/TimeTagStreamBuffer.h>
 
 #include <array>
 #include <cstdint>
@@ -15,6 +16,16 @@ class TagFileReader;
 
 // Reads .ctbin recordings without a tagger: each recording through its
 // numbered parts, the recordings one after the other.
+//
+// Events handled: the tags come back as recorded: TimeTag, MissedEvents (at
+// the time of the tag before it), Error and OverflowBegin/End. No tag marks
+// the step from one recording to the next, where the times begin anew. A part
+// or block that can't be read is logged and skipped; the reading goes on.
+// Arguments: the constructors throw std::runtime_error("no file provided") for
+// an empty list, and std::runtime_error("FileReader could not open file
+// '<name>'.") if the first file of a recording is missing; every recording is
+// checked before any is read.
+// Thread safety: none; use a FileReader from one thread at a time.
 class CHRONOTICK_API FileReader {
 public:
   explicit FileReader(const std::string &filename);
@@ -25,7 +36,9 @@ public:
 
   // True until the last recording is exhausted; one more getData may come back empty.
   bool hasData();
-  // Up to `n_events` tags as columns.
+  // Up to `n_events` tags as columns. The result's t_start is the time of the
+  // last tag of the previous read (the beginning of the first block for the
+  // first read), its t_get_data the time of its own last tag, in ps.
   TimeTagStreamBuffer getData(std::uint64_t n_events = 1000000);
   // Replaces `tag_buffer` with the next block. False only on the call that
   // runs into the end, or that meets a part of another recording.

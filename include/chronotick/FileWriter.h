@@ -28,6 +28,23 @@ class TagFileWriter;
 // a new part numbered after the last part still on disk, so that removed
 // parts leave no gap. Only the constructor and start() throw, when they
 // can't begin the recording.
+//
+// Events handled: TimeTag on a recorded channel: written, except between
+// OverflowBegin and OverflowEnd, where it is dropped. MissedEvents on a
+// recorded channel: written inside an overflow stretch, dropped outside one.
+// Error, OverflowBegin and OverflowEnd: always written. A tag earlier than the
+// one written before it is dropped, since times never run backwards in a file.
+// Channels that the tagger reports unused are left out silently; each
+// recorded channel goes into the channel map with its inverted channel.
+// Each start and each clear while running begins a new part.
+// Arguments: the constructor throws std::runtime_error("Too many channels.
+// This format does not support more than 250 channels.") for more than 250
+// channels, std::runtime_error("FileWriter is called without any channels.
+// This would result in an empty file.") for none, and, like start(),
+// std::runtime_error("FileWriter: Error on opening the file '<filename>' for
+// writing.") when a part can't be created.
+// Thread safety: every public function may be called from any thread while
+// the stream runs; they take the measurement's lock.
 class CHRONOTICK_API FileWriter : public IteratorBase {
 public:
   FileWriter(ChronotickBase *tagger, const std::string &filename, const std::vector<std::int32_t> &channels);
@@ -36,13 +53,17 @@ public:
   // Closes the current part and goes on in the next one. An empty name keeps
   // the base name; a different one becomes the base name, numbered from 0.
   void split(const std::string &new_filename = "");
-  // Bytes after which the next block opens a new part; read as unsigned.
+  // Bytes after which the next block opens a new part; read as unsigned, so
+  // a negative size means no limit. 1 GiB (1073741824 bytes) by default.
   void setMaxFileSize(std::int64_t max_file_size);
   std::int64_t getMaxFileSize();
+  // Records written to all parts since construction: tags and break marks.
   // After a fault, what was handed to the parts until then.
   std::int64_t getTotalEvents();
+  // Bytes written to all parts since construction, headers included.
   std::int64_t getTotalSize();
-  // Stores `marker` in the current part; the writer must be running.
+  // Stores `marker` in the current part; the writer must be running (else
+  // nothing happens). A failed write is a disk fault, as above.
   void setMarker(const std::string &marker);
 
 protected:

@@ -14,13 +14,17 @@ namespace chronotick {
 
 class ChronotickBase;
 class ChronotickRunner;
-class ChronotickProxy;
-class SynchronizedMeasurements;
 struct IteratorSlot;
 
 // Base of every measurement and virtual channel. A subclass implements
 // next_impl, which receives every block of tags while the measurement runs,
 // on a worker thread and under the iterator's mutex.
+//
+// The rules a subclass follows are in docs/engine.md: constructor order
+// (check arguments, register channels, clear(), finishInitialization() last),
+// stop() first in the destructor, which hooks hold the mutex, what happens to
+// exceptions, parallelize/unlock/lock for slow work, allocate-then-lock in
+// getters, and fences.
 class CHRONOTICK_API IteratorBase {
 public:
   virtual ~IteratorBase();
@@ -38,6 +42,17 @@ public:
   void clear();
   bool isRunning();
   std::int64_t getCaptureDuration();
+
+  // The group interface, for SynchronizedMeasurements: each call takes the
+  // iterator's mutex itself.
+  // Membership: `on_destroy` runs when this iterator is destroyed, so that
+  // the group forgets it; `start_with_group` keeps finishInitialization from
+  // starting it (called from the group's addIterator, inside the constructor).
+  void joinGroup(std::function<void(IteratorBase *)> on_destroy, bool start_with_group);
+  // Ends membership; if the iterator runs on `group_tagger`, it goes on with `tagger_after`.
+  void leaveGroup(ChronotickBase *group_tagger, ChronotickBase *tagger_after);
+  // Blocks with an older fence than this are ignored, as after start or clear.
+  void ignoreBlocksBefore(std::uint32_t fence);
 
 protected:
   explicit IteratorBase(ChronotickBase *tagger);
@@ -72,13 +87,10 @@ protected:
 
 private:
   friend class ChronotickRunner;
-  friend class ChronotickProxy;
-  friend class SynchronizedMeasurements;
 
   void next(std::unique_lock<std::mutex> &lock, std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time,
             std::uint32_t fence);
   void pre_stop();
-  void clearWithoutLock();
   void stopAfterException();
   // Runs on_stop for the engine, which must not let its exception through.
   void onStopLogged();

@@ -4,9 +4,8 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
-#include <list>
-#include <memory>
 #include <mutex>
 
 namespace chronotick {
@@ -62,8 +61,7 @@ public:
 
 private:
   friend class IteratorBase;
-  bool started;
-  std::list<std::unique_ptr<OrderedBarrier>>::iterator position;
+  std::size_t position; // index of the next barrier among the iterator's
 };
 
 } // namespace chronotick

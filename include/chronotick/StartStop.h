@@ -16,6 +16,19 @@ class ChronotickBase;
 
 // Sparse histogram of the time from a start to the first click after it,
 // without an upper limit.
+//
+// Events handled: TimeTag on the start channel: opens a start, replacing an
+// open one. TimeTag on the click channel: if a start is open, counts
+// click - start in bin floor((click - start) / binwidth) and closes the start;
+// otherwise nothing. With start_channel unused every click is also the next
+// start, which gives the intervals between successive clicks. Error,
+// OverflowBegin/End and MissedEvents close the open start; a MissedEvents tag
+// on the start channel then opens a new one at its time.
+// A start drops the open start; clear drops the histogram too.
+// Arguments: a binwidth of 0 throws std::invalid_argument("binwidth must not
+// be 0"); a negative one acts as a huge width, so every count lands in bin 0.
+// Thread safety: getData may be called from any thread while the stream runs;
+// it takes the measurement's lock.
 class CHRONOTICK_API StartStop : public IteratorBase {
 public:
   StartStop(ChronotickBase *tagger, std::int32_t click_channel, std::int32_t start_channel = CHANNEL_UNUSED,

@@ -16,6 +16,14 @@ class IteratorBase;
 // Starts, stops and clears a group of measurements at the same point of the
 // stream. Measurements built on getTagger() join the group and stay stopped
 // until the group's start or startFor.
+//
+// The group doesn't look at the tags itself; each member handles them as its
+// own header says. clear, start, startFor and stop act on every member during
+// the next pass of the stream, so that all members begin with the same block,
+// and return when all have acted; an exception of a member comes back as a
+// std::runtime_error. A measurement registered from outside the group keeps
+// running until the group stops it.
+// Thread safety: the group's functions may be called from any thread.
 class CHRONOTICK_API SynchronizedMeasurements {
 public:
   explicit SynchronizedMeasurements(ChronotickBase *tagger);
@@ -29,7 +37,9 @@ public:
 
   // The tagger to build members on.
   ChronotickBase *getTagger();
+  // Adds a measurement built on the real tagger; it keeps its state.
   void registerMeasurement(IteratorBase *measurement);
+  // Removes a member; it carries on as it is.
   void unregisterMeasurement(IteratorBase *measurement);
 
   void clear();
@@ -44,6 +54,10 @@ protected:
   void runCallback(std::function<void(IteratorBase *)> callback, bool block = true);
 
 private:
+  friend class ChronotickProxy; // enrols each measurement built on getTagger()
+
+  // Adds a member; one built on getTagger() waits for the group's start.
+  void enrol(IteratorBase *measurement, bool start_with_group);
   // Runs action on every member, then moves each onto one shared fence.
   void runWithSharedFence(const std::function<void(IteratorBase *)> &action);
   void forget(IteratorBase *measurement);

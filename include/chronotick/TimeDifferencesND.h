@@ -21,6 +21,31 @@ struct TimeDifferencesNDStart {
 // Multi-start, multi-stop histograms, one for each combination of positions
 // in several dimensions. Each dimension moves on its own next channel and may
 // be re-armed by its own sync channel.
+//
+// Every click less than n_bins * binwidth ps after an open start counts in bin
+// floor((click - start) / binwidth) of the histogram selected when the start
+// came; all pairs count, and a tag on both the start and the click channel
+// pairs with itself in bin 0. start_channel must be a channel in use: it does
+// not default to the click channel.
+// Positions: each dimension starts without one, and a start opens only while
+// every dimension has one. The first next tag of a dimension selects position
+// 0, each further one moves on by one; after the last position it wraps to 0,
+// or, with a sync channel, waits for a sync tag. A sync tag (needed first of
+// all where there is a sync channel) takes its dimension back to no position.
+// A dimension whose next channel is unused never gets a position, and with no
+// dimensions at all nothing is recorded. sync_channels may be empty for none,
+// or hold CHANNEL_UNUSED for a dimension without one.
+// Events handled: Error, OverflowBegin/End and MissedEvents: the positions of
+// all dimensions are forgotten as at a start; the data and the open starts
+// stay, so a start before a break still pairs with clicks after it.
+// A start forgets the positions and keeps the open starts; clear drops the
+// starts and the data and keeps the positions.
+// Arguments: throws std::invalid_argument with "dimension mismatch of input
+// arguments" (n_histograms, or a non-empty sync_channels, not as long as
+// next_channels), "binwidth must be at least 1 ps", "n_bins must be at least
+// 1" or "all elements of n_histograms must be at least 1".
+// Thread safety: getters may be called from any thread while the stream runs;
+// getData takes the measurement's lock.
 class CHRONOTICK_API TimeDifferencesND : public IteratorBase {
 public:
   TimeDifferencesND(ChronotickBase *tagger, std::int32_t click_channel, std::int32_t start_channel,
@@ -28,9 +53,10 @@ public:
                     std::vector<std::int32_t> n_histograms, std::int64_t binwidth, std::uint64_t n_bins);
   ~TimeDifferencesND() override;
 
-  // (number of histograms, n_bins); the first dimension varies fastest.
+  // allocate(product of n_histograms, n_bins): counts, one row per
+  // combination of positions; the first dimension varies fastest.
   void getData(std::function<std::int32_t *(std::size_t, std::size_t)> allocate);
-  // Lower edge of each bin.
+  // allocate(n_bins): lower edge of each bin in ps, i * binwidth.
   void getIndex(std::function<std::int64_t *(std::size_t)> allocate);
 
 protected:

@@ -217,12 +217,15 @@ void ChronotickRunner::runAllIterators(Worker &worker) {
     notified = true;
   };
   const std::uint64_t epoch = idle_epoch.load();
-  const bool result = readBlock(worker, pass, fence, done);
-  if (!pass.owns_lock()) {
-    if (result) {
-      std::this_thread::yield();
-    } else {
+  const ReadResult result = readBlock(worker, pass, fence, done);
+  if (result != ReadResult::Delivered || !pass.owns_lock()) {
+    if (pass.owns_lock()) {
+      pass.unlock();
+    }
+    if (result == ReadResult::Idle) {
       waitIdle(epoch);
+    } else {
+      std::this_thread::yield();
     }
     return;
   }

@@ -39,14 +39,22 @@ public:
   static ChronotickBase *currentWorkerTagger();
 
 protected:
+  // What a source's readBlock did.
+  enum class ReadResult {
+    Delivered,    // the worker holds a block; `lock` still holds a lock of the source
+    TryAgainSoon, // no block yet, but one may come at once: the worker asks again
+    Idle,         // nothing to do: the worker sleeps until wakeWorker
+  };
+
   // The one source-specific operation, called on a worker with the read
   // mutex held in `lock`. To deliver a block: fill worker.tags, begin_time
-  // and end_time, set worker.fence = fence, and return with the lock held.
-  // `done` may be called once, when another worker may start reading.
-  // Otherwise release the lock and return true ("try again soon") or false
-  // ("nothing to do": the worker sleeps until woken by wakeWorker).
-  virtual bool readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
-                         const std::function<void()> &done) = 0;
+  // and end_time, set worker.fence = fence, and return Delivered with `lock`
+  // still owning a mutex (the read mutex, or one of the source's that it was
+  // handed over to), so that blocks enter the chain in the order they were
+  // read. `done` may be called once, when another worker may start reading.
+  // With no block, return TryAgainSoon or Idle; the engine releases `lock`.
+  virtual ReadResult readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
+                               const std::function<void()> &done) = 0;
 
   // Called after a block has left the chain and its fence was published.
   virtual void blockDone(const Worker &worker);

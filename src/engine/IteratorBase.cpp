@@ -155,6 +155,27 @@ std::int64_t IteratorBase::getCaptureDuration() {
   return capture_duration;
 }
 
+void IteratorBase::joinGroup(std::function<void(IteratorBase *)> on_destroy, bool start_with_group) {
+  std::lock_guard<std::mutex> guard(slot->iterator_mutex);
+  leave_group = std::move(on_destroy);
+  if (start_with_group) {
+    needs_start = false;
+  }
+}
+
+void IteratorBase::leaveGroup(ChronotickBase *group_tagger, ChronotickBase *tagger_after) {
+  std::lock_guard<std::mutex> guard(slot->iterator_mutex);
+  leave_group = nullptr;
+  if (tagger != nullptr && tagger == group_tagger) {
+    tagger = tagger_after;
+  }
+}
+
+void IteratorBase::ignoreBlocksBefore(std::uint32_t fence) {
+  std::lock_guard<std::mutex> guard(slot->iterator_mutex);
+  block_fence = fence;
+}
+
 void IteratorBase::finishInitialization() {
   bool start_now;
   {
@@ -202,24 +223,17 @@ std::unique_lock<std::mutex> IteratorBase::getLock() {
 
 OrderedBarrier::OrderInstance IteratorBase::parallelize(OrderedPipeline &pipeline) {
   auto &barriers = slot->barriers;
-  if (!pipeline.started) {
-    pipeline.started = true;
-    pipeline.position = barriers.begin();
-  }
-  if (pipeline.position == barriers.end()) {
+  if (pipeline.position == barriers.size()) {
     barriers.push_back(std::make_unique<OrderedBarrier>());
-    pipeline.position = std::prev(barriers.end());
   }
-  OrderedBarrier::OrderInstance instance = (*pipeline.position)->queue();
-  ++pipeline.position;
-  return instance;
+  return barriers[pipeline.position++]->queue();
 }
 
 void IteratorBase::pre_stop() {
   if (slot->barriers.empty()) {
     return;
   }
-  // The list only grows, and only under the iterator mutex: take a snapshot.
+  // Barriers are only added, and only under the iterator mutex: take a snapshot.
   std::vector<OrderedBarrier *> barriers;
   for (auto &barrier : slot->barriers) {
     barriers.push_back(barrier.get());
@@ -236,11 +250,6 @@ void IteratorBase::stopWithinNext() {
     running = false;
     on_stop();
   }
-}
-
-void IteratorBase::clearWithoutLock() {
-  capture_duration = 0;
-  clear_impl();
 }
 
 void IteratorBase::stopAfterException() {

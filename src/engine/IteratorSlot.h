@@ -4,9 +4,9 @@
 #include <chronotick/OrderedBarrier.h>
 
 #include <atomic>
-#include <list>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace chronotick {
 
@@ -20,7 +20,8 @@ struct IteratorSlot {
   std::atomic<IteratorBase *> iterator; // null once the iterator's destructor ran
   std::mutex iterator_mutex;
   std::mutex chain_mutex;
-  std::list<std::unique_ptr<OrderedBarrier>> barriers;
+  // Grows only, under iterator_mutex; the barriers themselves never move.
+  std::vector<std::unique_ptr<OrderedBarrier>> barriers;
 };
 
 } // namespace chronotick

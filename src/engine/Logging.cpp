@@ -47,12 +47,14 @@ void _Log(LogLevel level, const char *file, int line, const char *format, ...) {
   if (used < 0) {
     used = 0;
   }
+  va_list args;
+  va_start(args, format);
   if (static_cast<std::size_t>(used) < sizeof(buffer)) {
-    va_list args;
-    va_start(args, format);
+    // The analyzer loses track of va_start through std::vsnprintf.
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     std::vsnprintf(buffer + used, sizeof(buffer) - static_cast<std::size_t>(used), format, args);
-    va_end(args);
   }
+  va_end(args);
   std::lock_guard<std::mutex> guard(logMutex());
   currentSink(level, std::string(buffer));
 }
@@ -67,15 +69,17 @@ CustomLogger::~CustomLogger() {
 }
 
 void CustomLogger::enable() {
-  std::lock_guard<std::mutex> instance_guard(instance_mutex);
+  // The order in which logging takes them: the log mutex, then the instance's.
   std::lock_guard<std::mutex> log_guard(logMutex());
+  std::lock_guard<std::mutex> instance_guard(instance_mutex);
   instance = this;
   currentSink = &CustomLogger::LogCallback;
 }
 
 void CustomLogger::disable() {
-  std::lock_guard<std::mutex> instance_guard(instance_mutex);
+  // The order in which logging takes them: the log mutex, then the instance's.
   std::lock_guard<std::mutex> log_guard(logMutex());
+  std::lock_guard<std::mutex> instance_guard(instance_mutex);
   instance = nullptr;
   currentSink = &defaultSink;
 }

@@ -48,6 +48,6 @@ void OrderedBarrier::OrderInstance::release() {
   }
 }
 
-OrderedPipeline::OrderedPipeline() : started(false), position() {}
+OrderedPipeline::OrderedPipeline() : position(0) {}
 
 } // namespace chronotick

@@ -1,12 +1,12 @@
 #include <chronotick/TimeTagStream.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace chronotick {
 
 TimeTagStream::TimeTagStream(ChronotickBase *tagger_, std::uint64_t n_max_events_, std::vector<std::int32_t> channels_)
-    : IteratorBase(tagger_), channels(std::move(channels_)), n_max_events(n_max_events_), t_get_data(0),
-      has_overflows(false), t_start(-1) {
+    : IteratorBase(tagger_), channels(std::move(channels_)), n_max_events(n_max_events_), t_get_data(0), t_start(-1) {
   clear_impl();
   for (std::int32_t channel : channels) {
     registerChannel(channel);
@@ -20,55 +20,35 @@ TimeTagStream::~TimeTagStream() {
 
 std::uint64_t TimeTagStream::getCounts() {
   auto guard = getLock();
-  return tagTimestamps.size();
+  return columns.size();
 }
 
 TimeTagStreamBuffer TimeTagStream::getData() {
-  TimeTagStreamBuffer result;
   auto guard = getLock();
-  result.size = tagTimestamps.size();
-  result.has_overflows = has_overflows;
-  result.t_start = t_start;
-  result.t_get_data = t_get_data;
-  if (result.size != 0) {
-    result.tagChannels.swap(tagChannels);
-    result.tagTimestamps.swap(tagTimestamps);
-    result.tagMissedEvents.swap(tagMissedEvents);
-    result.tagTypes.swap(tagTypes);
+  // Empty columns stay here, with the room they have.
+  TagColumns taken;
+  if (columns.size() != 0) {
+    std::swap(taken, columns);
   }
+  TimeTagStreamBuffer result(std::move(taken), t_start, t_get_data);
   clear_impl();
   t_start = t_get_data; // the next read continues where this one ended
   return result;
 }
 
 void TimeTagStream::clear_impl() {
-  tagChannels.clear();
-  tagTimestamps.clear();
-  tagMissedEvents.clear();
-  tagTypes.clear();
-  tagChannels.reserve(n_max_events);
-  tagTimestamps.reserve(n_max_events);
-  tagMissedEvents.reserve(n_max_events);
-  tagTypes.reserve(n_max_events);
-  has_overflows = false;
+  columns.clear();
+  columns.reserve(n_max_events);
   t_start = -1;
 }
 
 bool TimeTagStream::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t end_time) {
   t_get_data = end_time;
-  if (tagTimestamps.empty() && t_start == -1) {
+  if (columns.size() == 0 && t_start == -1) {
     t_start = end_time;
   }
-  auto take = [this](const Tag &tag) {
-    tagChannels.push_back(tag.channel);
-    tagTimestamps.push_back(tag.time);
-    tagMissedEvents.push_back(tag.missed_events);
-    tagTypes.push_back(static_cast<std::uint8_t>(tag.type));
-    if (tag.type != Tag::Type::TimeTag) {
-      has_overflows = true;
-    }
-  };
-  const std::uint64_t held = tagTimestamps.size();
+  auto take = [this](const Tag &tag) { columns.push(tag); };
+  const std::uint64_t held = columns.size();
   if (held >= n_max_events) {
     return false;
   }

@@ -14,7 +14,6 @@ class ChronotickRunner;
 // One worker thread's block and state. The vectors are kept across blocks so
 // that the normal path allocates nothing.
 struct Worker {
-  std::vector<std::uint32_t> raw_words; // source's raw data for this block
   std::vector<Tag> tags;
   std::int64_t begin_time = 0;
   std::int64_t end_time = 0;

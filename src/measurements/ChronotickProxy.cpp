@@ -83,10 +83,9 @@ std::int64_t ChronotickProxy::getOverflowsAndClear() {
 
 IteratorSlot *ChronotickProxy::addIterator(IteratorBase *iterator) {
   IteratorSlot *slot = tagger->addIterator(iterator);
-  group->registerMeasurement(iterator);
   // Runs inside the IteratorBase constructor, before finishInitialization:
   // the member waits for the group's start.
-  iterator->needs_start = false;
+  group->enrol(iterator, true);
   return slot;
 }
 

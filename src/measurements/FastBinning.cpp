@@ -3,14 +3,9 @@
 namespace chronotick {
 
 namespace {
-__extension__ typedef unsigned __int128 U128;
 constexpr std::uint64_t ALL_ONES = ~std::uint64_t(0);
 constexpr std::uint64_t TWO_32 = std::uint64_t(1) << 32;
 } // namespace
-
-std::uint64_t FastBinning::MulHigh(std::uint64_t a, std::uint64_t b) {
-  return static_cast<std::uint64_t>((static_cast<U128>(a) * b) >> 64);
-}
 
 FastBinning::FastBinning(std::uint64_t divisor_, std::uint64_t max_duration_)
     : divisor(divisor_), max_duration(max_duration_), factor(0), shift(0), mode(Mode::AlwaysZero) {

@@ -1,6 +1,8 @@
 #include <chronotick/Histogram2D.h>
 
 #include <algorithm>
+#include <limits>
+#include <stdexcept>
 
 namespace chronotick {
 
@@ -11,11 +13,17 @@ Histogram2D::Histogram2D(ChronotickBase *tagger_, std::int32_t start_channel_, s
       have_stop_2(false), start_channel(start_channel_), stop_channel_1(stop_channel_1_),
       stop_channel_2(stop_channel_2_), binwidth_1(binwidth_1_), binwidth_2(binwidth_2_), n_bins_1(n_bins_1_),
       n_bins_2(n_bins_2_) {
+  if (binwidth_1 < 1 || binwidth_2 < 1)
+    throw std::invalid_argument("binwidth_1 and binwidth_2 must be at least 1 ps");
+  if (n_bins_1 < 1 || n_bins_2 < 1)
+    throw std::invalid_argument("n_bins_1 and n_bins_2 must be at least 1");
+  // Bins are found by 32-bit products, which must not wrap.
+  if (std::int64_t(n_bins_1) * n_bins_2 > std::numeric_limits<std::int32_t>::max())
+    throw std::invalid_argument("n_bins_1 times n_bins_2 must not exceed 2147483647");
   registerChannel(start_channel);
   registerChannel(stop_channel_1);
   registerChannel(stop_channel_2);
-  // The product is formed in 32 bits.
-  data.resize(static_cast<std::int32_t>(static_cast<std::uint32_t>(n_bins_1) * static_cast<std::uint32_t>(n_bins_2)));
+  data.resize(static_cast<std::size_t>(n_bins_1) * static_cast<std::size_t>(n_bins_2));
   clear();
   finishInitialization();
 }

@@ -112,10 +112,10 @@ HistogramLogBins::~HistogramLogBins() {
 }
 
 void HistogramLogBins::clear_impl() {
-  clear_internal(true);
+  clearState(true);
 }
 
-void HistogramLogBins::clear_internal(bool full) {
+void HistogramLogBins::clearState(bool full) {
   if (full) {
     std::fill(data.begin(), data.end(), 0);
     click_count = 0;
@@ -129,7 +129,7 @@ void HistogramLogBins::clear_internal(bool full) {
   warming_up = wait_for_full_window;
 }
 
-void HistogramLogBins::increase_ring_buffer() {
+void HistogramLogBins::growRing() {
   const std::size_t n = ring.size();
   if (n > 4294967295ull) {
     throw std::runtime_error("maximum buffer size for HistogramLogBins");
@@ -146,13 +146,13 @@ void HistogramLogBins::startStep(std::int64_t time) {
     ++start_count;
   }
   if (((ring_head - edge_positions[n_bins] + 1) & ring_mask) == 0) {
-    increase_ring_buffer();
+    growRing();
   }
   ring[ring_head & ring_mask] = time;
   ++ring_head;
 }
 
-void HistogramLogBins::on_stop_event(std::int64_t time) {
+void HistogramLogBins::countClick(std::int64_t time) {
   ++click_count;
   const std::int64_t *const r = ring.data();
   const std::int64_t *const edges = bin_edges.data();
@@ -282,24 +282,24 @@ bool HistogramLogBins::next_impl(std::vector<Tag> &tags, std::int64_t begin_time
       }
       if (tag.channel == click_channel && !warming_up) {
         ++clicks_seen;
-        on_stop_event(tag.time);
+        countClick(tag.time);
       }
       break;
     case Tag::Type::Error:
       // The time since mark is lost.
-      clear_internal(false);
+      clearState(false);
       segment_start = tag.time;
       break;
     case Tag::Type::OverflowBegin:
       if (!warming_up) {
         measured_duration += tag.time - mark;
       }
-      clear_internal(false);
+      clearState(false);
       segment_start = tag.time;
       in_overflow = true;
       break;
     case Tag::Type::OverflowEnd:
-      clear_internal(false);
+      clearState(false);
       segment_start = tag.time;
       in_overflow = false;
       mark = tag.time;

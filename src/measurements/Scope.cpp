@@ -141,8 +141,9 @@ bool Scope::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t end_tim
   }
 
   const bool had_open = !open_triggers.empty();
-  while (!open_triggers.empty()) {
-    const ScopeTrigger &front = open_triggers.front();
+  std::size_t closed = 0; // windows that are complete, oldest first
+  while (closed < open_triggers.size()) {
+    const ScopeTrigger &front = open_triggers[closed];
     bool finished = n_channels == 0 || end_time - front.time >= window_size;
     if (!finished) {
       finished = true;
@@ -156,8 +157,9 @@ bool Scope::next_impl(std::vector<Tag> &tags, std::int64_t, std::int64_t end_tim
     if (!finished) {
       break; // later triggers wait behind it
     }
-    open_triggers.pop_front();
+    ++closed;
   }
+  open_triggers.erase(open_triggers.begin(), open_triggers.begin() + static_cast<std::ptrdiff_t>(closed));
   if (continuous && had_open && open_triggers.empty()) {
     published = traces; // element-wise: the lists of published keep their capacity
     reset();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <stdexcept>
 #include <utility>
 
 namespace chronotick {
@@ -18,6 +19,10 @@ StartStop::StartStop(ChronotickBase *tagger, std::int32_t click_channel_, std::i
                      std::int64_t binwidth_)
     : IteratorBase(tagger), histogram(HISTOGRAM_BUCKETS), click_channel(click_channel_), start_channel(start_channel_),
       binwidth(binwidth_), last_start(0), cache_bins(CACHE_SIZE, 0), cache_counts(CACHE_SIZE, nullptr) {
+  // A bin width of 0 would divide by zero in the binning. (A negative one acts
+  // as a huge divisor: everything lands in bin 0.)
+  if (binwidth == 0)
+    throw std::invalid_argument("binwidth must not be 0");
   histogram.max_load_factor(1.0f);
   if (tagger->isUnusedChannel(start_channel))
     start_channel = click_channel;

@@ -20,12 +20,7 @@ SynchronizedMeasurements::~SynchronizedMeasurements() {
     members.swap(measurements);
   }
   for (IteratorBase *m : members) {
-    m->lock();
-    m->leave_group = nullptr;
-    if (m->tagger == proxy) {
-      m->tagger = tagger;
-    }
-    m->unlock();
+    m->leaveGroup(proxy, tagger);
   }
   delete proxy;
 }
@@ -35,19 +30,19 @@ ChronotickBase *SynchronizedMeasurements::getTagger() {
 }
 
 void SynchronizedMeasurements::registerMeasurement(IteratorBase *measurement) {
+  enrol(measurement, false);
+}
+
+void SynchronizedMeasurements::enrol(IteratorBase *measurement, bool start_with_group) {
   {
     std::lock_guard<std::mutex> guard(mutex);
     measurements.insert(measurement);
   }
-  measurement->lock();
-  measurement->leave_group = [this](IteratorBase *m) { forget(m); };
-  measurement->unlock();
+  measurement->joinGroup([this](IteratorBase *m) { forget(m); }, start_with_group);
 }
 
 void SynchronizedMeasurements::unregisterMeasurement(IteratorBase *measurement) {
-  measurement->lock();
-  measurement->leave_group = nullptr;
-  measurement->unlock();
+  measurement->leaveGroup(nullptr, nullptr);
   forget(measurement);
 }
 
@@ -73,9 +68,7 @@ void SynchronizedMeasurements::runWithSharedFence(const std::function<void(Itera
           have_fence = true;
         }
         action(m);
-        m->lock();
-        m->block_fence = fence;
-        m->unlock();
+        m->ignoreBlocksBefore(fence);
       },
       true);
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 
 namespace chronotick {
@@ -30,6 +31,9 @@ TimeDifferences::TimeDifferences(ChronotickBase *tagger, std::int32_t click_chan
     throw std::invalid_argument("n_bins must be at least 1");
   if (n_histograms < 1)
     throw std::invalid_argument("n_histograms must be at least 1");
+  // Rows are found by 32-bit products, which must not wrap.
+  if (std::int64_t(n_bins) * n_histograms > std::numeric_limits<std::int32_t>::max())
+    throw std::invalid_argument("n_bins times n_histograms must not exceed 2147483647");
 
   if (tagger->isUnusedChannel(start_channel))
     start_channel = click_channel; // a click is its own start
@@ -41,8 +45,7 @@ TimeDifferences::TimeDifferences(ChronotickBase *tagger, std::int32_t click_chan
   registerChannel(next_channel_);
   registerChannel(sync_channel_);
 
-  data.assign(static_cast<std::size_t>(static_cast<std::uint32_t>(n_bins) * static_cast<std::uint32_t>(n_histograms)),
-              0);
+  data.assign(static_cast<std::size_t>(n_bins) * static_cast<std::size_t>(n_histograms), 0);
   range = static_cast<std::int64_t>(n_bins) * binwidth;
   binner = FastBinning(static_cast<std::uint64_t>(binwidth), static_cast<std::uint64_t>(range));
 

@@ -143,13 +143,11 @@ double ChronotickVirtualImpl::getReplaySpeed() {
   return speed;
 }
 
-bool ChronotickVirtualImpl::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
-                                      const std::function<void()> &done) {
+ChronotickRunner::ReadResult ChronotickVirtualImpl::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock,
+                                                              std::uint32_t fence, const std::function<void()> &done) {
   worker.fence = fence;
-  if (!fill(worker)) {
-    lock.unlock();
-    return true;
-  }
+  if (!fill(worker))
+    return ReadResult::TryAgainSoon;
   // Hand the read mutex over to the emulation stage: the next worker may read
   // while this one emulates, and blocks keep their order.
   std::unique_lock<std::mutex> post(post_mutex);
@@ -158,21 +156,18 @@ bool ChronotickVirtualImpl::readBlock(Worker &worker, std::unique_lock<std::mute
   done();
   emulator.applySettings();
   emulator.process(worker.tags, worker.begin_time, worker.end_time);
-  return false;
+  return ReadResult::Delivered;
 }
 
-void ChronotickVirtualImpl::deliverSilence(Worker &worker, std::int64_t length) {
+void ChronotickVirtualImpl::advanceStreamTime(Worker &worker, std::int64_t length) {
   const std::int64_t begin = stream_time.load(std::memory_order_relaxed);
   worker.begin_time = begin;
   worker.end_time = begin + length;
   stream_time.store(begin + length, std::memory_order_relaxed);
 }
 
-bool ChronotickVirtualImpl::fill(Worker &worker) {
-  worker.tags.clear();
-  std::unique_lock<std::mutex> queue_lock(queue_mutex);
+ChronotickVirtualImpl::Pace ChronotickVirtualImpl::pace(std::unique_lock<std::mutex> &queue_lock, std::int64_t &step) {
   std::unique_lock<std::mutex> speed_lock(speed_mutex);
-
   if (speed == 0.0 || (speed < 0.0 && tasks.empty())) {
     // Paused: empty blocks of no span, so that fences and synchronized calls
     // still pass. New work cuts the sleep short.
@@ -180,39 +175,53 @@ bool ChronotickVirtualImpl::fill(Worker &worker) {
     const std::uint64_t generation = work_generation;
     work_condition.wait_for(queue_lock, std::chrono::nanoseconds(IDLE_SLEEP_NS),
                             [&] { return closing || work_generation != generation; });
+    return Pace::Paused;
+  }
+  if (speed < 0.0) {
+    step = ReplayPacer::BLOCK_LENGTH;
+    return Pace::Go;
+  }
+  step = ReplayPacer::step(speed);
+  const std::int64_t wait = pacer.delay(nowNs(), stream_time.load(std::memory_order_relaxed), speed);
+  speed_lock.unlock();
+  if (wait > 0) {
+    // A new speed or a change of the queue cuts the wait short: the block
+    // is then worked out again under the new settings.
+    const std::uint64_t generation = work_generation;
+    work_condition.wait_for(queue_lock, std::chrono::nanoseconds(wait),
+                            [&] { return closing || work_generation != generation; });
+    if (!closing && work_generation != generation)
+      return Pace::Again;
+  }
+  return Pace::Go;
+}
+
+bool ChronotickVirtualImpl::fill(Worker &worker) {
+  worker.tags.clear();
+  std::unique_lock<std::mutex> queue_lock(queue_mutex);
+  std::int64_t step = 0;
+  switch (pace(queue_lock, step)) {
+  case Pace::Paused:
     queue_lock.unlock();
-    deliverSilence(worker, 0);
+    advanceStreamTime(worker, 0);
     return true;
+  case Pace::Again:
+    return false;
+  case Pace::Go:
+    break;
   }
-
-  std::int64_t step = ReplayPacer::BLOCK_LENGTH;
-  if (speed > 0.0) {
-    step = ReplayPacer::step(speed);
-    const std::int64_t wait = pacer.delay(nowNs(), stream_time.load(std::memory_order_relaxed), speed);
-    speed_lock.unlock();
-    if (wait > 0) {
-      // A new speed or a change of the queue cuts the wait short: the block
-      // is then worked out again under the new settings.
-      const std::uint64_t generation = work_generation;
-      work_condition.wait_for(queue_lock, std::chrono::nanoseconds(wait),
-                              [&] { return closing || work_generation != generation; });
-      if (!closing && work_generation != generation)
-        return false;
-    }
-  } else {
-    speed_lock.unlock();
-  }
-
   if (tasks.empty()) {
     // Only at a positive speed: time goes on without tags.
     queue_lock.unlock();
-    deliverSilence(worker, step);
+    advanceStreamTime(worker, step);
     return true;
   }
-
   // The queue lock stays held while the task and the current file are used:
   // stop() and replay(queue = false) can't pull them away meanwhile.
-  ReplayTask &task = tasks.front();
+  return playTask(worker, tasks.front(), step);
+}
+
+bool ChronotickVirtualImpl::playTask(Worker &worker, ReplayTask &task, std::int64_t step) {
   if (static_cast<std::int32_t>(task.fence - worker.fence) > 0)
     return false; // this block was read before the replay was asked for
 
@@ -225,7 +234,7 @@ bool ChronotickVirtualImpl::fill(Worker &worker) {
       task.duration -= length;
     }
     task.begin += length;
-    deliverSilence(worker, length);
+    advanceStreamTime(worker, length);
     return true;
   }
 
@@ -249,7 +258,7 @@ bool ChronotickVirtualImpl::fill(Worker &worker) {
     // The recording ended before the requested duration.
     const std::int64_t length = std::min(step, task.duration);
     task.duration -= length;
-    deliverSilence(worker, length);
+    advanceStreamTime(worker, length);
     return true;
   }
 
@@ -333,7 +342,7 @@ bool ChronotickVirtualImpl::deliverFileBlock(Worker &worker, ReplayTask &task) {
   previous_end_time = block_end;
   previous_file_id = current_file_id;
   first_block_pending = false;
-  deliverSilence(worker, length);
+  advanceStreamTime(worker, length);
   return true;
 }
 

@@ -5,7 +5,7 @@
 #include "engine/ChronotickRunner.h"
 #include "replay/ChannelEmulator.h"
 #include "replay/ReplayPacer.h"
-#include "storage/ChronotickFileIO.h"
+#include "storage/TagFileReader.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -58,8 +58,8 @@ public:
   int completionWaitersForTesting();
 
 protected:
-  bool readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
-                 const std::function<void()> &done) override;
+  ReadResult readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
+                       const std::function<void()> &done) override;
 
 private:
   struct ReplayTask {
@@ -73,16 +73,29 @@ private:
     bool opened = false;
   };
 
+  enum class Pace {
+    Paused, // nothing may be read now; the idle sleep has passed
+    Again,  // the settings changed during the wait: work the block out anew
+    Go,     // read now, a block of `step` ps where none comes from a file
+  };
+
   // Makes the worker's next block; false if there is none now. Runs under the read mutex.
   bool fill(Worker &worker);
+  // Waits, with the queue lock, until the next block is due at the replay speed.
+  Pace pace(std::unique_lock<std::mutex> &queue_lock, std::int64_t &step);
+  // The next block of the task at the front of the queue: silence before it,
+  // a block of its recording, silence after it, or its end (false, the
+  // engine asks again). Queue lock held.
+  bool playTask(Worker &worker, ReplayTask &task, std::int64_t step);
   // Opens the task's next part as the current file: false if it isn't there,
   // belongs to another recording or can't be read (logged). Queue lock held.
   bool openPart(ReplayTask &task);
   // The current file's next block into the worker, trimmed to the task's
   // begin and duration; false once the part has no more. Queue lock held.
   bool deliverFileBlock(Worker &worker, ReplayTask &task);
-  // A block of `length` ps without tags from the file.
-  void deliverSilence(Worker &worker, std::int64_t length);
+  // Gives the worker's block the next `length` ps of stream time, whatever
+  // tags it holds, and moves the stream time on.
+  void advanceStreamTime(Worker &worker, std::int64_t length);
   // Ends every queued replay. Queue lock held.
   void drainQueue();
   // Tells a worker waiting for work that there may be some. Queue lock held.

@@ -11,7 +11,7 @@
 namespace chronotick {
 
 std::string getVersion() {
-  return "2.7.0";
+  return CHRONOTICK_VERSION;
 }
 
 bool hasChronotickVirtualLicense() {
@@ -24,7 +24,7 @@ ChronotickVirtual *createChronotickVirtual() {
   auto tagger = std::make_unique<ChronotickVirtualImpl>();
   ChronotickVirtual *replay = tagger.get();
   registry.enter(static_cast<ChronotickBase *>(replay), nullptr, replay);
-  tagger.release();
+  static_cast<void>(tagger.release()); // the registry owns it now
   return replay;
 }
 

@@ -2,7 +2,7 @@
 
 #include "engine/ChronotickRunner.h"
 #include "engine/Log.h"
-#include "storage/ChronotickFileIO.h"
+#include "storage/TagFileFormat.h"
 
 #include <stdexcept>
 #include <thread>
@@ -32,11 +32,6 @@ void TaggerRegistry::enter(ChronotickBase *key, Chronotick *hardware, Chronotick
   entry.hardware = hardware;
   entry.replay = replay;
   entry.references = 1;
-}
-
-TaggerRegistry::Entry *TaggerRegistry::find(ChronotickBase *key) {
-  auto it = registry.find(key);
-  return it == registry.end() ? nullptr : &it->second;
 }
 
 void TaggerRegistry::checkEntry(const Entry &entry) {

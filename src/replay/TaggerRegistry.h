@@ -35,11 +35,6 @@ public:
 
   // Enters a new tagger with one reference. `key` is the tagger's ChronotickBase.
   void enter(ChronotickBase *key, Chronotick *hardware, ChronotickVirtual *replay);
-  // Null if `key` isn't registered.
-  Entry *find(ChronotickBase *key);
-  std::map<ChronotickBase *, Entry> &entries() { return registry; }
-  Chronotick *getDefaultInstance() const { return default_instance; }
-  void setDefaultInstance(Chronotick *tagger) { default_instance = tagger; }
 
   // Drops one reference and destroys the tagger with its last (true). False
   // for an unregistered pointer or while references remain. Takes the mutex.

@@ -1,11 +1,12 @@
 #include <chronotick/FileReader.h>
 
 #include "engine/Log.h"
-#include "storage/ChronotickFileIO.h"
+#include "storage/TagFileReader.h"
 
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 namespace chronotick {
 
@@ -114,51 +115,27 @@ bool FileReader::getDataRaw(std::vector<Tag> &tag_buffer) {
 }
 
 TimeTagStreamBuffer FileReader::getData(std::uint64_t n_events) {
-  TimeTagStreamBuffer result;
-  result.size = 0;
-  result.has_overflows = false;
+  TagColumns columns;
   // Room for what is decoded already; a large n_events grows the columns as
   // tags come instead of claiming all its memory up front.
-  const std::size_t expected = std::size_t(std::min<std::uint64_t>(n_events, tag_buffer.size() - buffer_position));
-  result.tagChannels.reserve(expected);
-  result.tagTimestamps.reserve(expected);
-  result.tagMissedEvents.reserve(expected);
-  result.tagTypes.reserve(expected);
-  if (!finished) {
-    while (true) {
-      if (result.size >= n_events)
-        break;
-      const std::size_t available = tag_buffer.size() - buffer_position;
-      const std::size_t take = std::size_t(std::min<std::uint64_t>(n_events - result.size, available));
-      for (std::size_t i = 0; i < take; ++i) {
-        const Tag &tag = tag_buffer[buffer_position + i];
-        result.tagChannels.push_back(tag.channel);
-        result.tagTimestamps.push_back(tag.time);
-        result.tagMissedEvents.push_back(tag.missed_events);
-        result.tagTypes.push_back(static_cast<std::uint8_t>(tag.type));
-        if (tag.type != Tag::Type::TimeTag)
-          result.has_overflows = true;
-      }
-      result.size += take;
-      // An index instead of erasing from the front: what is left stays in place.
-      buffer_position += take;
-      if (buffer_position == tag_buffer.size()) {
-        buffer_position = 0;
-        if (!getDataRaw(tag_buffer))
-          break;
-      }
-      if (finished)
+  columns.reserve(std::size_t(std::min<std::uint64_t>(n_events, tag_buffer.size() - buffer_position)));
+  while (!finished && columns.size() < n_events) {
+    const std::size_t available = tag_buffer.size() - buffer_position;
+    const std::size_t take = std::size_t(std::min<std::uint64_t>(n_events - columns.size(), available));
+    for (std::size_t i = 0; i < take; ++i)
+      columns.push(tag_buffer[buffer_position + i]);
+    // An index instead of erasing from the front: what is left stays in place.
+    buffer_position += take;
+    if (buffer_position == tag_buffer.size()) {
+      buffer_position = 0;
+      if (!getDataRaw(tag_buffer))
         break;
     }
   }
-  result.t_start = last_time;
-  if (result.size > 0) {
-    last_time = result.tagTimestamps.back();
-    result.t_get_data = last_time;
-  } else {
-    result.t_get_data = last_time;
-  }
-  return result;
+  const std::int64_t t_start = last_time;
+  if (columns.size() > 0)
+    last_time = columns.timestamps.back();
+  return TimeTagStreamBuffer(std::move(columns), t_start, last_time);
 }
 
 std::string FileReader::getConfiguration() {

@@ -2,7 +2,7 @@
 #include <chronotick/FileWriter.h>
 
 #include "engine/Log.h"
-#include "storage/ChronotickFileIO.h"
+#include "storage/TagFileWriter.h"
 
 #include <filesystem>
 #include <random>
@@ -123,8 +123,7 @@ void FileWriter::on_start() {
   reported = false;
   if (after_fault) {
     std::error_code ignored;
-    while (next_part_index > 0 &&
-           !std::filesystem::exists(ctbin::partName(base_name, next_part_index - 1), ignored))
+    while (next_part_index > 0 && !std::filesystem::exists(ctbin::partName(base_name, next_part_index - 1), ignored))
       --next_part_index;
   }
   // The client hears of a failed start from the exception alone.
