@@ -160,7 +160,7 @@ TEST(IteratorBase, VirtualChannelCutByStartForKeepsOutputForTheFirstPartOnly) {
   shifter.startFor(100);
   Recorder after(&tagger);
   tagger.pushAndWait({tag(1, 10), tag(1, 90), tag(1, 110), tag(2, 150)}, 0, 200);
-  auto tags = after.allTags();
+  auto tags = after.tags();
   ASSERT_EQ(tags.size(), 6u);
   EXPECT_EQ(tags[0].channel, 1);
   EXPECT_EQ(tags[1].channel, 300);

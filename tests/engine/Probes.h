@@ -1,8 +1,11 @@
 #pragma once
 
-// Small iterators that let engine tests watch and steer the chain.
+// Small iterators that let engine tests watch and steer the chain (and the
+// recorder of support/VirtualChannelChecks.h).
 
 #include <chronotick/IteratorBase.h>
+
+#include "support/VirtualChannelChecks.h"
 
 #include <atomic>
 #include <chrono>
@@ -15,61 +18,11 @@ namespace probes {
 
 using chronotick::Tag;
 
-struct SeenBlock {
-  std::vector<Tag> tags;
-  std::int64_t begin_time;
-  std::int64_t end_time;
-};
-
 inline Tag tag(std::int32_t channel, std::int64_t time, Tag::Type type = Tag::Type::TimeTag) {
-  return Tag{type, 0, 0, channel, time};
+  return chronotick::testing::makeTag(channel, time, type);
 }
 
-// Records every block it is given, and counts starts and stops.
-class Recorder : public chronotick::IteratorBase {
-public:
-  explicit Recorder(chronotick::ChronotickBase *tagger, bool start = true) : IteratorBase(tagger) {
-    if (start) {
-      finishInitialization();
-    }
-  }
-  ~Recorder() override { stop(); }
-
-  std::vector<SeenBlock> blocks() {
-    auto guard = getLock();
-    return seen;
-  }
-  std::vector<Tag> allTags() {
-    auto guard = getLock();
-    std::vector<Tag> all;
-    for (auto &b : seen) {
-      all.insert(all.end(), b.tags.begin(), b.tags.end());
-    }
-    return all;
-  }
-  int starts() {
-    auto guard = getLock();
-    return n_start;
-  }
-  int stops() {
-    auto guard = getLock();
-    return n_stop;
-  }
-
-protected:
-  bool next_impl(std::vector<Tag> &tags, std::int64_t begin_time, std::int64_t end_time) override {
-    seen.push_back({tags, begin_time, end_time});
-    return false;
-  }
-  void on_start() override { ++n_start; }
-  void on_stop() override { ++n_stop; }
-  void clear_impl() override { seen.clear(); }
-
-private:
-  std::vector<SeenBlock> seen;
-  int n_start = 0;
-  int n_stop = 0;
-};
+using Recorder = chronotick::testing::BlockRecorder;
 
 // A virtual channel in miniature: appends a copy of every tag on `channel`
 // `shift` ps later (kept in order) on `output`, and says it changed the block.
@@ -86,7 +39,7 @@ protected:
     for (const Tag &t : tags) {
       out.push_back(t);
       if (t.type == Tag::Type::TimeTag && t.channel != output) {
-        out.push_back(Tag{Tag::Type::TimeTag, 0, 0, output, t.time});
+        out.push_back(tag(output, t.time));
       }
     }
     tags.swap(out);

@@ -26,31 +26,18 @@ struct Columns {
 
 Columns columnsOf(const TimeTagStreamBuffer &buffer) {
   Columns c;
-  buffer.getChannels([&](std::size_t n) {
-    ++c.calls;
-    c.channels.resize(n);
-    return c.channels.data();
-  });
-  buffer.getTimestamps([&](std::size_t n) {
-    ++c.calls;
-    c.times.resize(n);
-    return c.times.data();
-  });
-  buffer.getMissedEvents([&](std::size_t n) {
-    ++c.calls;
-    c.missed.resize(n);
-    return c.missed.data();
-  });
-  buffer.getEventTypes([&](std::size_t n) {
-    ++c.calls;
-    c.types.resize(n);
-    return c.types.data();
-  });
-  buffer.getOverflows([&](std::size_t n) {
-    ++c.calls;
-    c.overflows.resize(n);
-    return c.overflows.data();
-  });
+  auto read = [&](auto get, auto &column) {
+    (buffer.*get)([&](std::size_t n) {
+      ++c.calls;
+      column.resize(n);
+      return column.data();
+    });
+  };
+  read(&TimeTagStreamBuffer::getChannels, c.channels);
+  read(&TimeTagStreamBuffer::getTimestamps, c.times);
+  read(&TimeTagStreamBuffer::getMissedEvents, c.missed);
+  read(&TimeTagStreamBuffer::getEventTypes, c.types);
+  read(&TimeTagStreamBuffer::getOverflows, c.overflows);
   return c;
 }
 } // namespace

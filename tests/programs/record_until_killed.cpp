@@ -15,18 +15,10 @@
 #include <cstdio>
 #include <string>
 
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-
 using namespace chronotick;
 using namespace chronotick::testing;
 
 namespace {
-
-// The same as in KilledRecordingTest.cpp. No overflow stretch crosses a block
-// and time stays far from the end of its range however long the stream runs.
-std::vector<Block> killedRecordingBlocks(std::uint64_t seed) {
-  return randomBlocks(seed, {.blocks = 100, .max_tags = 4000, .overflow_across_blocks = false, .huge_deltas = false});
-}
 
 // More than the writer's buffer, so that a part is on disk in pieces while it
 // fills, and part 1 holds whole blocks on disk once part 2 exists.

@@ -6,8 +6,6 @@ namespace chronotick {
 namespace {
 
 TEST(Library, CreatesAndFreesReplayTaggers) {
-  EXPECT_EQ(getVersion(), "2.7.0");
-  EXPECT_TRUE(hasChronotickVirtualLicense());
   // Converted while the taggers live: the conversion to a virtual base reads the object.
   ChronotickVirtual *a = createChronotickVirtual(), *b = createChronotickVirtual();
   ChronotickBase *base_a = a, *base_b = b, *base_c = createChronotickVirtual();

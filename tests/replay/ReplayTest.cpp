@@ -124,6 +124,25 @@ TEST(Replay, SeekingDurationsAndQueue) {
   EXPECT_EQ(firstDifference(take(), expected), "");
   at += duration;
 
+  // A window whose ends fall exactly on tags inside blocks: the first is in,
+  // the last is out.
+  auto tagInside = [&](std::size_t from_block) {
+    for (std::size_t b = from_block; b < blocks.size(); ++b)
+      for (const Tag &tag : tags)
+        if (tag.time > blocks[b].begin_time && tag.time < blocks[b].end_time)
+          return tag.time;
+    ADD_FAILURE() << "no tag inside a block";
+    return std::int64_t(0);
+  };
+  const std::int64_t first_in = tagInside(2), first_out = tagInside(6);
+  tagger.replay(path, first_in, first_out - first_in);
+  tagger.waitForCompletion();
+  expected = afterError(shifted(tags, 0, first_in, first_out), at);
+  ASSERT_GT(expected.size(), 1u);
+  EXPECT_EQ(expected[1].time, at);
+  EXPECT_EQ(firstDifference(take(), expected), "");
+  at += first_out - first_in;
+
   // Nothing from a duration of 0 or a begin beyond the end; a duration beyond
   // the end is filled with silence, which moves the next replay. Between two
   // replays comes one error.
@@ -159,6 +178,8 @@ TEST(Replay, ErrorAtAGapAndEmulationOnReplayedTags) {
   const std::vector<Block> blocks{{{makeTag(1, 100), makeTag(2, 900)}, 0, 1000},
                                   {{makeTag(1, 5100), makeTag(5, 5400)}, 5000, 6000}};
   record(blocks, dir / "gap");
+  // Another writer's recording that begins where "gap" ends.
+  record({{{makeTag(5, 6100)}, 6000, 7000}}, dir / "next");
   // A part of another recording under the next name is not played.
   record({blocks[1]}, dir / "foreign");
   std::filesystem::copy_file(dir / "foreign.1.ctbin", dir / "gap.2.ctbin");
@@ -169,15 +190,18 @@ TEST(Replay, ErrorAtAGapAndEmulationOnReplayedTags) {
   tagger.setDeadtime(1, 5000);
   TimeTagStream stream(&tagger, 1000);
   tagger.replay(dir / "gap");
+  tagger.replay(dir / "next");
   tagger.waitForCompletion();
   // The first block after construction has no error tag; the gap gets one,
   // and stream time runs on without the hole. The error ends channel 1's dead
   // time, so its second tag passes although it is 1000 ps after the first.
+  // The join to the other recording has no gap in time, but another file id.
   EXPECT_EQ(firstDifference(testing::tagsOf(stream.getData()),
                             {makeTag(1, 100), makeTag(2, 950), makeTag(CHANNEL_UNUSED, 1000, Tag::Type::Error),
-                             makeTag(1, 1100), makeTag(5, 1400)}),
+                             makeTag(1, 1100), makeTag(5, 1400), makeTag(CHANNEL_UNUSED, 2000, Tag::Type::Error),
+                             makeTag(5, 2100)}),
             "");
-  EXPECT_EQ(tagger.getOverflows(), 1);
+  EXPECT_EQ(tagger.getOverflows(), 2);
   EXPECT_EQ(capture.messages().size(), 1u);
   EXPECT_EQ(capture.count("File '" + (dir / "gap") +
                           ".2.ctbin' matches the naming schema, but was not written in the same FileWriter. Skipped."),

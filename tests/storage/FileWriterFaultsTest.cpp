@@ -1,8 +1,8 @@
 #include "support/LogCapture.h"
 #include "support/TagFiles.h"
+#include "support/VirtualChannelChecks.h"
 
 #include <chronotick/FileWriter.h>
-#include <chronotick/IteratorBase.h>
 
 #include <gtest/gtest.h>
 
@@ -14,36 +14,6 @@ using namespace chronotick;
 using namespace chronotick::testing;
 
 namespace {
-
-// Another measurement on the same tagger: counts the blocks it is given.
-class BlockCounter : public IteratorBase {
-public:
-  explicit BlockCounter(ChronotickBase *tagger) : IteratorBase(tagger) {
-    registerChannel(1);
-    finishInitialization();
-  }
-  ~BlockCounter() override { stop(); }
-  std::size_t blocks() {
-    auto lock = getLock();
-    return seen;
-  }
-
-protected:
-  bool next_impl(std::vector<Tag> &, std::int64_t, std::int64_t) override {
-    ++seen;
-    return false;
-  }
-
-private:
-  std::size_t seen = 0;
-};
-
-int errorCount(LogCapture &capture) {
-  int n = 0;
-  for (const auto &entry : capture.entries())
-    n += entry.level == LOGGER_ERROR;
-  return n;
-}
 
 std::vector<Block> firstBlocks(const std::vector<Block> &blocks, std::size_t n) {
   return {blocks.begin(), blocks.begin() + std::ptrdiff_t(n)};
@@ -80,7 +50,7 @@ TEST(FileWriterFaults, DiskFaultStopsTheWriterOnceAndKeepsWhatWasWritten) {
 
     LogCapture capture;
     TestTagger tagger(8, CT_CHANNEL_NUMBER_SCHEME_ONE, WORKERS);
-    BlockCounter counter(&tagger);
+    BlockRecorder counter(&tagger); // another measurement on the same tagger
     FileWriter writer(&tagger, base, RECORDED);
     writer.setMaxFileSize(200000);
     for (const auto &block : stream)
@@ -92,9 +62,9 @@ TEST(FileWriterFaults, DiskFaultStopsTheWriterOnceAndKeepsWhatWasWritten) {
                           "' failed: No space left on device. Recording stopped."
                     : "FileWriter: Error on opening the file '" + base + "' for writing. Recording stopped.";
     EXPECT_EQ(capture.count(": " + message, LOGGER_ERROR), 1);
-    EXPECT_EQ(errorCount(capture), 1);
+    EXPECT_EQ(capture.errors(), 1);
     EXPECT_FALSE(writer.isRunning());
-    EXPECT_EQ(counter.blocks(), stream.size());
+    EXPECT_EQ(counter.blocks().size(), stream.size());
 
     // Part 1 was closed whole and reads back as the blocks it took.
     std::filesystem::remove(part2);
@@ -102,7 +72,7 @@ TEST(FileWriterFaults, DiskFaultStopsTheWriterOnceAndKeepsWhatWasWritten) {
     EXPECT_GT(written, 0u);
     EXPECT_LT(written, stream.size());
     EXPECT_EQ(firstDifference(readRecording({base}), expectedRecording(firstBlocks(stream, written))), "");
-    EXPECT_EQ(errorCount(capture), 1);
+    EXPECT_EQ(capture.errors(), 1);
   }
 }
 
@@ -114,7 +84,7 @@ TEST(FileWriterFaults, RemovedPartStopsTheWriterOnceAndStartGoesOnUnderItsNumber
 
   LogCapture capture;
   TestTagger tagger(8, CT_CHANNEL_NUMBER_SCHEME_ONE, WORKERS);
-  BlockCounter counter(&tagger);
+  BlockRecorder counter(&tagger); // another measurement on the same tagger
   FileWriter writer(&tagger, base, RECORDED);
   for (std::size_t i = 0; i < stream.size(); ++i) {
     if (i == 10) {
@@ -128,9 +98,9 @@ TEST(FileWriterFaults, RemovedPartStopsTheWriterOnceAndStartGoesOnUnderItsNumber
                               "' failed: the file was removed or moved. Recording stopped.",
                           LOGGER_ERROR),
             1);
-  EXPECT_EQ(errorCount(capture), 1);
+  EXPECT_EQ(capture.errors(), 1);
   EXPECT_FALSE(writer.isRunning());
-  EXPECT_EQ(counter.blocks(), stream.size());
+  EXPECT_EQ(counter.blocks().size(), stream.size());
   const std::int64_t size_at_fault = writer.getTotalSize();
   EXPECT_GT(size_at_fault, 0);
 
@@ -143,5 +113,5 @@ TEST(FileWriterFaults, RemovedPartStopsTheWriterOnceAndStartGoesOnUnderItsNumber
   writer.stop();
   EXPECT_GT(writer.getTotalSize(), size_at_fault);
   EXPECT_EQ(firstDifference(readRecording({base}), expectedRecording(more)), "");
-  EXPECT_EQ(errorCount(capture), 1);
+  EXPECT_EQ(capture.errors(), 1);
 }

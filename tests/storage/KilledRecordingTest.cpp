@@ -9,18 +9,10 @@
 #include <filesystem>
 #include <thread>
 
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-
 using namespace chronotick;
 using namespace chronotick::testing;
 
 namespace {
-
-// The same as in ct_child_record_until_killed, which records these blocks
-// over and over, each time shifted to follow on.
-std::vector<Block> killedRecordingBlocks(std::uint64_t seed) {
-  return randomBlocks(seed, {.blocks = 100, .max_tags = 4000, .overflow_across_blocks = false, .huge_deltas = false});
-}
 
 // What reading the child's recording gives back, block by block. No overflow
 // stretch crosses a block, so each block's tags follow from the block alone.

@@ -173,6 +173,33 @@ TEST(TagFileFormat, ReaderMessages) {
   check("too new", Builder().header(2).timeTags(0, 10, w), 0,
         {"This file is too new. Please update your Chronotick installation."});
   check("huge configuration", file().block(5, "{}", 0xFFFFFFF0), 0, {access, "JSON config could not be loaded"});
+
+  // A file cut inside a block says which part of it could not be loaded.
+  const std::string whole = file()
+                                .block(5, "{\"a\": 1}")
+                                .channelMap({{0, 3, -3}, {1, 4, -4}})
+                                .timeTags(0, 10, w)
+                                .block(6, "mark")
+                                .timeTags(10, 20, Words(300, word(0, 1)), {.compression = 1})
+                                .end()
+                                .bytes;
+  const auto info = walkBlocks(whole);
+  const struct {
+    std::size_t block, at; // cut `at` bytes into the payload of info[block]
+    std::size_t blocks;
+    const char *message;
+  } cuts[] = {{0, 10, 0, "File header could not be loaded"},
+              {1, 3, 0, "JSON config could not be loaded"},
+              {2, 8, 0, "Channel map could not be loaded"},
+              {2, 20, 0, "Channel map data could not be loaded"},
+              {3, 100, 0, "Time tag block header could not be loaded"},
+              {3, 148, 0, "Time tag block data could not be loaded"},
+              {5, 148, 1, "Compressed time tag block data could not be loaded"},
+              {4, 2, 1, "last_marker could not be loaded"}};
+  for (const auto &c : cuts) {
+    const std::string prefix = whole.substr(0, info[c.block].offset + 16 + c.at);
+    check(c.message, Builder().raw(prefix), c.blocks, {access, c.message});
+  }
   // Without signature checking a damaged hash goes unnoticed.
   writeFile(name, file().timeTags(0, 10, w, {.bad_hash = true}).bytes);
   EXPECT_EQ(readAll(name, false).blocks.size(), 1u);

@@ -55,6 +55,13 @@ public:
     return n;
   }
 
+  int errors() {
+    int n = 0;
+    for (const Entry &e : entries())
+      n += e.level == LOGGER_ERROR;
+    return n;
+  }
+
 private:
   static void sink(LogLevel level, std::string message) {
     std::lock_guard<std::mutex> guard(mutex());

@@ -194,6 +194,19 @@ inline std::vector<Block> randomBlocks(std::uint64_t seed, const StreamOptions &
   return blocks;
 }
 
+// What ct_child_record_until_killed records over and over, each time shifted
+// to follow on, and KilledRecordingTest checks against. No overflow stretch
+// crosses a block, and time stays far from the end of its range however long
+// the stream runs.
+inline std::vector<Block> killedRecordingBlocks(std::uint64_t seed) {
+  StreamOptions options;
+  options.blocks = 100;
+  options.max_tags = 4000;
+  options.overflow_across_blocks = false;
+  options.huge_deltas = false;
+  return randomBlocks(seed, options);
+}
+
 // What reading a recording of `blocks` over RECORDED gives back: a tag is
 // kept if its channel is recorded and time does not run backwards; in
 // overflow, time tags are lost and missed events take the running time.

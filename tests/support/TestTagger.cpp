@@ -104,33 +104,24 @@ std::uint64_t TestTagger::blocksDone() {
   return completed;
 }
 
-bool TestTagger::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
-                           const std::function<void()> &done) {
+ChronotickRunner::ReadResult TestTagger::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock,
+                                                   std::uint32_t fence, const std::function<void()> &done) {
   std::unique_lock<std::mutex> guard(queue_mutex);
   // The engine sampled `fence` before this call. If a start or clear took a
   // fresh fence since, sample again: a block pushed after a start must count.
   // (Checked with the queue locked: a block seen here was pushed after any
   // start that its pusher made before.)
-  if (!queue.empty() && getFence(false) != fence) {
-    guard.unlock();
-    lock.unlock();
-    return true;
-  }
+  if (!queue.empty() && getFence(false) != fence)
+    return ReadResult::TryAgainSoon;
   if (queue.empty()) {
-    if (!auto_feed) {
-      guard.unlock();
-      lock.unlock();
-      return false;
-    }
+    if (!auto_feed)
+      return ReadResult::Idle;
     // An idle instrument still delivers empty blocks, about one per millisecond.
     guard.unlock();
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     guard.lock();
-    if (!queue.empty() || !auto_feed) {
-      guard.unlock();
-      lock.unlock();
-      return true;
-    }
+    if (!queue.empty() || !auto_feed)
+      return ReadResult::TryAgainSoon;
     worker.tags.clear();
     worker.begin_time = last_end;
     worker.end_time = last_end + auto_span;
@@ -157,7 +148,7 @@ bool TestTagger::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, s
   guard.unlock();
   worker.fence = fence;
   done();
-  return true;
+  return ReadResult::Delivered;
 }
 
 void TestTagger::blockDone(const Worker &worker) {
@@ -198,6 +189,13 @@ std::string TestTagger::getConfiguration() {
          ", \"scheme\": " + std::to_string(channel_scheme) + "}";
 }
 
+namespace {
+template <class V> V valueOr(const std::map<std::int32_t, V> &values, std::int32_t channel, V otherwise) {
+  auto it = values.find(channel);
+  return it == values.end() ? otherwise : it->second;
+}
+} // namespace
+
 void TestTagger::setInputDelay(std::int32_t channel, std::int64_t delay) {
   std::lock_guard<std::mutex> guard(config_mutex);
   delays[channel] = delay;
@@ -205,26 +203,22 @@ void TestTagger::setInputDelay(std::int32_t channel, std::int64_t delay) {
 
 std::int64_t TestTagger::getInputDelay(std::int32_t channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  auto it = delays.find(channel);
-  return it == delays.end() ? 0 : it->second;
+  return valueOr<std::int64_t>(delays, channel, 0);
 }
 
 std::int64_t TestTagger::setDeadtime(std::int32_t channel, std::int64_t deadtime) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  deadtimes[channel] = deadtime;
-  return deadtime;
+  return deadtimes[channel] = deadtime;
 }
 
 std::int64_t TestTagger::getDeadtime(std::int32_t channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  auto it = deadtimes.find(channel);
-  return it == deadtimes.end() ? 0 : it->second;
+  return valueOr<std::int64_t>(deadtimes, channel, 0);
 }
 
 void TestTagger::setTestSignal(std::vector<std::int32_t> channels, bool enable) {
-  for (std::int32_t channel : channels) {
+  for (std::int32_t channel : channels)
     setTestSignal(channel, enable);
-  }
 }
 
 void TestTagger::setTestSignal(std::int32_t channel, bool enable) {
@@ -234,8 +228,7 @@ void TestTagger::setTestSignal(std::int32_t channel, bool enable) {
 
 bool TestTagger::getTestSignal(std::int32_t channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  auto it = test_signals.find(channel);
-  return it != test_signals.end() && it->second;
+  return valueOr(test_signals, channel, false);
 }
 
 std::int64_t TestTagger::getOverflows() {
@@ -283,8 +276,7 @@ void TestTagger::unregisterChannel(std::int32_t channel) {
 
 int TestTagger::registrations(std::int32_t channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  auto it = registered.find(channel);
-  return it == registered.end() ? 0 : it->second;
+  return valueOr(registered, channel, 0);
 }
 
 std::vector<std::size_t> randomCuts(std::size_t n_tags, std::size_t n_cuts, std::uint64_t seed) {

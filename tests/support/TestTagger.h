@@ -85,8 +85,8 @@ public:
   void unregisterChannel(std::int32_t channel) override;
 
 protected:
-  bool readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
-                 const std::function<void()> &done) override;
+  ReadResult readBlock(Worker &worker, std::unique_lock<std::mutex> &lock, std::uint32_t fence,
+                       const std::function<void()> &done) override;
   void blockDone(const Worker &worker) override;
 
 private:

@@ -1,7 +1,8 @@
 #pragma once
 
-// Tools for tests of virtual channels: a recorder built after them that keeps
-// every block it is given, and a run of one stream cut in several ways.
+// Tools for tests of the engine and of virtual channels: a recorder that keeps
+// every block it is given and counts its starts and stops, and a run of one
+// stream cut in several ways.
 
 #include "support/RandomTagStreams.h"
 #include "support/TestTagger.h"
@@ -21,7 +22,10 @@ using Times = std::vector<std::int64_t>;
 
 class BlockRecorder : public IteratorBase {
 public:
-  explicit BlockRecorder(ChronotickBase *tagger) : IteratorBase(tagger) { finishInitialization(); }
+  explicit BlockRecorder(ChronotickBase *tagger, bool start = true) : IteratorBase(tagger) {
+    if (start)
+      finishInitialization();
+  }
   ~BlockRecorder() override { stop(); }
 
   std::vector<Block> blocks() {
@@ -34,6 +38,14 @@ public:
     for (const Block &block : blocks())
       all.insert(all.end(), block.tags.begin(), block.tags.end());
     return all;
+  }
+  int starts() {
+    auto lock = getLock();
+    return n_start;
+  }
+  int stops() {
+    auto lock = getLock();
+    return n_stop;
   }
   // Times of the tags of `channel` so far.
   std::vector<std::int64_t> times(std::int32_t channel) {
@@ -65,9 +77,13 @@ protected:
     recorded.push_back(Block{tags, begin_time, end_time});
     return false;
   }
+  void on_start() override { ++n_start; }
+  void on_stop() override { ++n_stop; }
+  void clear_impl() override { recorded.clear(); }
 
 private:
   std::vector<Block> recorded;
+  int n_start = 0, n_stop = 0;
 };
 
 // Pushes `stream` over [0, end] through a fresh tagger with a T built from

@@ -7,5 +7,7 @@
 #endif
 
 namespace {
-[[maybe_unused]] std::size_t tagSize() { return sizeof(chronotick::Tag); }
+[[maybe_unused]] std::size_t tagSize() {
+  return sizeof(chronotick::Tag);
+}
 } // namespace
