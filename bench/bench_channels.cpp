@@ -1,5 +1,7 @@
-// Throughput of the combiner, the gate, the coincidence channels and the
-// delayed channels in the engine: blocks of 131072 tags over 8 channels.
+// Throughput of every virtual channel in the engine (combiner, gate,
+// coincidences, delays, discriminator, frequency multiplier, event generator):
+// blocks of 131072 tags over 8 channels. BM_EngineAlone is the chain without
+// any channel, the baseline of all the others.
 // items_per_second is the rate of input tags through the chain in wall-clock
 // time; tags_per_cpu_second divides by the CPU time of the whole process
 // (workers included) over the same stretches, which stays meaningful on a
@@ -8,7 +10,10 @@
 #include <chronotick/Coincidence.h>
 #include <chronotick/Coincidences.h>
 #include <chronotick/Combiner.h>
+#include <chronotick/ConstantFractionDiscriminator.h>
 #include <chronotick/DelayedChannel.h>
+#include <chronotick/EventGenerator.h>
+#include <chronotick/FrequencyMultiplier.h>
 #include <chronotick/GatedChannel.h>
 
 #include "PoissonBlock.h"
@@ -39,11 +44,16 @@ double processCpuSeconds() {
          1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
 }
 
-void runChain(benchmark::State &state, const std::function<std::unique_ptr<IteratorBase>(TestTagger &)> &build) {
+const std::vector<std::int32_t> rising = {1, 2, 3, 4, 5, 6, 7, 8};
+const std::vector<std::int32_t> both_edges = {1, -1, 2, -2, 3, -3, 4, -4};
+
+// The chain of one channel (or none: the engine alone) on blocks over `channels`.
+void runChain(benchmark::State &state, const std::function<std::unique_ptr<IteratorBase>(TestTagger &)> &build,
+              const std::vector<std::int32_t> &channels = rising) {
   TestTagger tagger;
   std::unique_ptr<IteratorBase> channel = build ? build(tagger) : nullptr;
   std::int64_t span = 0;
-  const std::vector<Tag> pattern = poissonBlock({1, 2, 3, 4, 5, 6, 7, 8}, 100, block_size, span);
+  const std::vector<Tag> pattern = poissonBlock(channels, 100, block_size, span);
   std::int64_t offset = 1000000;
   std::vector<std::vector<Tag>> round(blocks_per_round);
   double cpu_seconds = 0;
@@ -119,6 +129,35 @@ void BM_Coincidences_EightGroups(benchmark::State &state) {
   });
 }
 
+void BM_ConstantFractionDiscriminator(benchmark::State &state) {
+  runChain(
+      state,
+      [](TestTagger &tagger) {
+        return std::make_unique<chronotick::ConstantFractionDiscriminator>(&tagger,
+                                                                           std::vector<std::int32_t>{1, 2, 3, 4}, 1000);
+      },
+      both_edges);
+}
+
+void BM_FrequencyMultiplier(benchmark::State &state) {
+  runChain(state, [](TestTagger &tagger) { return std::make_unique<chronotick::FrequencyMultiplier>(&tagger, 1, 4); });
+}
+
+void BM_EventGenerator(benchmark::State &state) {
+  runChain(state, [](TestTagger &tagger) {
+    return std::make_unique<chronotick::EventGenerator>(&tagger, 1, std::vector<std::int64_t>{0, 1000, 5000, 20000}, 1,
+                                                        0, 2);
+  });
+}
+
+// Negative pattern values: the whole stream goes through the delay queue.
+void BM_EventGeneratorDelayed(benchmark::State &state) {
+  runChain(state, [](TestTagger &tagger) {
+    return std::make_unique<chronotick::EventGenerator>(&tagger, 1, std::vector<std::int64_t>{-500, 0, 1000, 5000}, 1,
+                                                        0, chronotick::CHANNEL_UNUSED);
+  });
+}
+
 } // namespace
 
 BENCHMARK(BM_EngineAlone)->UseRealTime()->Unit(benchmark::kMillisecond);
@@ -128,5 +167,8 @@ BENCHMARK(BM_DelayedChannel_One)->Arg(10000)->Arg(-10000)->UseRealTime()->Unit(b
 BENCHMARK(BM_DelayedChannel_Four)->Arg(10000)->Arg(-10000)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Coincidence_TwoFold)->Arg(0)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Coincidences_EightGroups)->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMillisecond);
-
+BENCHMARK(BM_ConstantFractionDiscriminator)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FrequencyMultiplier)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_EventGenerator)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_EventGeneratorDelayed)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK_MAIN();

@@ -15,6 +15,7 @@
 #include <chronotick/StartStop.h>
 #include <chronotick/TimeDifferences.h>
 
+#include "Alone.h"
 #include "support/TestTagger.h"
 
 #include <benchmark/benchmark.h>
@@ -216,12 +217,6 @@ template <class F> double naiveRate(const Workload &w, F &&f) {
 }
 
 // ---- runners -----------------------------------------------------------------
-
-// Lets the benchmark call the protected hook directly.
-template <class M> struct Alone : M {
-  using M::M;
-  using M::next_impl;
-};
 
 template <class M> struct Spec {
   std::function<std::unique_ptr<Alone<M>>(TestTagger &)> build;

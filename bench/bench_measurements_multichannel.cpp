@@ -13,6 +13,7 @@
 #include <chronotick/Scope.h>
 #include <chronotick/TimeDifferencesND.h>
 
+#include "Alone.h"
 #include "support/TestTagger.h"
 
 #include <benchmark/benchmark.h>
@@ -100,12 +101,6 @@ Feeder engineFeeder(TestTagger &tagger, const Stream &stream) {
     tagger.pushCopy(tags, begin, end);
   });
 }
-
-// Lets the benchmark call the protected hook directly, without the engine.
-template <class M> struct Alone : M {
-  using M::M;
-  using M::next_impl;
-};
 
 template <class M> std::function<void(std::vector<Tag> &, std::int64_t, std::int64_t)> direct(Alone<M> &m, bool alone) {
   if (!alone)
