@@ -50,7 +50,7 @@ struct TimeDifferencesStart {
 // std::invalid_argument("n_histograms must be at least 1") or
 // std::invalid_argument("n_bins times n_histograms must not exceed 2147483647").
 // Thread safety: getters and setMaxCounts may be called from any thread while
-// the stream runs; they take the measurement's lock, except getCounts.
+// the stream runs; they take the measurement's lock.
 class CHRONOTICK_API TimeDifferences : public IteratorBase {
 public:
   TimeDifferences(ChronotickBase *tagger, std::int32_t click_channel, std::int32_t start_channel = CHANNEL_UNUSED,

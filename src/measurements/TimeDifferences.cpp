@@ -75,6 +75,7 @@ void TimeDifferences::setMaxCounts(std::uint64_t max_counts_) {
 }
 
 std::uint64_t TimeDifferences::getCounts() {
+  auto guard = getLock();
   return counts;
 }
 
