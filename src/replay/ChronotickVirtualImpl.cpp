@@ -306,6 +306,14 @@ bool ChronotickVirtualImpl::deliverFileBlock(Worker &worker, ReplayTask &task) {
     }
     if (!current_file->getBlockSpan(block_begin, block_end))
       return false;
+    if (spanOf(block_begin, block_end) > ctbin::MAX_BLOCK_TIME - start) {
+      // Measurements add windows to stream times: those must not overflow.
+      CT_ERROR("The replay reached the end of its time range; the rest of the recording '%s' is skipped.",
+               task.base_name.c_str());
+      tags.clear();
+      current_file->stopReading();
+      return false;
+    }
     std::int64_t counted = 0;
     const bool decoded = current_file->decodeBlock(tags, start - task.begin, counted);
     overflows += counted;

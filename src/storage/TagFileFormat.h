@@ -27,6 +27,9 @@ constexpr std::size_t STREAM_BUFFER_SIZE = 1048576;
 constexpr std::size_t MIN_READ_BUFFER_SIZE = 4096; // a reader's buffer is the file's size within these
 constexpr std::uint32_t COMPRESSION_FLOOR = 1024;  // blocks of fewer word bytes are stored raw
 constexpr std::uint32_t MAX_CHANNEL_CODE = 250;
+// Block times stay within +-2^62 ps (53 days), so that a time plus or minus
+// any span up to that size still fits in 64 bits.
+constexpr std::int64_t MAX_BLOCK_TIME = std::int64_t(1) << 62;
 constexpr const char *FILE_EXTENSION = ".ctbin";
 
 enum BlockType : std::uint32_t {

@@ -175,6 +175,13 @@ bool TagFileReader::readBlock() {
   case BLOCK_TIME_TAGS: {
     if (!readField(&record, sizeof(record), remaining, "Time tag block header could not be loaded"))
       return false;
+    if (record.begin_time < -MAX_BLOCK_TIME || record.end_time > MAX_BLOCK_TIME ||
+        record.end_time < record.begin_time) {
+      CT_ERROR("Time tag block runs from %lld ps to %lld ps", static_cast<long long>(record.begin_time),
+               static_cast<long long>(record.end_time));
+      CT_ERROR("Time tag block header could not be loaded");
+      return false;
+    }
     const std::uint64_t n = std::uint64_t(record.word_count) * 4;
     if (record.compression == COMPRESSION_NONE) {
       if (n > remaining) {
@@ -290,47 +297,73 @@ bool TagFileReader::decodeBlock(std::vector<Tag> &tags, std::int64_t start_time,
     tags.resize(count);
   Tag *out = tags.data();
   const std::uint64_t unit = record.time_unit;
-  // Unsigned, so that a damaged file wraps instead of overflowing.
-  std::uint64_t time = std::uint64_t(start_time);
+  // The running time is kept relative to start_time. Every step adds a
+  // non-negative delta, so a tag that came out of order or after the block's
+  // end shows as `rel` passing the span; the check goes with each step, so
+  // that `rel` can't wrap unseen (span <= 2^63, a plain step < 2^56).
+  const std::uint64_t span = std::uint64_t(record.end_time) - std::uint64_t(record.begin_time);
+  const std::uint64_t start = std::uint64_t(start_time);
+  std::uint64_t rel = 0;
+  bool outside = false;
   bool in_overflow = record.overflow_at_begin != 0;
   std::int64_t counted = 0;
+  // Delta codes shift the product up: checked, as they are rare.
+  auto addShifted = [&](std::uint64_t field, int shift) {
+    const std::uint64_t product = field * unit;
+    if (product >> (64 - shift) != 0)
+      outside = true;
+    rel += product << shift;
+    outside |= rel > span;
+  };
   for (std::size_t i = 0; i < count; ++i) {
     const std::uint32_t word = words[i];
     const std::uint32_t code = word & 0xFF;
     const std::uint64_t field = word >> 8;
     if (code <= MAX_CHANNEL_CODE) {
       if (in_overflow) {
-        *out++ = Tag{Tag::Type::MissedEvents, 0, std::uint16_t(field), code_channels[code], std::int64_t(time)};
+        *out++ = Tag{Tag::Type::MissedEvents, 0, std::uint16_t(field), code_channels[code], std::int64_t(start + rel)};
       } else {
-        time += field * unit;
-        *out++ = Tag{Tag::Type::TimeTag, 0, 0, code_channels[code], std::int64_t(time)};
+        rel += field * unit;
+        outside |= rel > span;
+        *out++ = Tag{Tag::Type::TimeTag, 0, 0, code_channels[code], std::int64_t(start + rel)};
       }
       continue;
     }
     switch (code) {
     case CODE_DELTA_24:
-      time += (field * unit) << 24;
+      addShifted(field, 24);
       break;
     case CODE_DELTA_48:
-      time += (field * unit) << 48;
+      addShifted(field, 48);
       break;
     case CODE_OVERFLOW_BEGIN:
-      time += field * unit;
+      rel += field * unit;
+      outside |= rel > span;
       in_overflow = true;
       ++counted;
-      *out++ = Tag{Tag::Type::OverflowBegin, 0, 0, CHANNEL_UNUSED, std::int64_t(time)};
+      *out++ = Tag{Tag::Type::OverflowBegin, 0, 0, CHANNEL_UNUSED, std::int64_t(start + rel)};
       break;
     case CODE_OVERFLOW_END:
-      time += field * unit;
+      rel += field * unit;
+      outside |= rel > span;
       in_overflow = false;
-      *out++ = Tag{Tag::Type::OverflowEnd, 0, 0, CHANNEL_UNUSED, std::int64_t(time)};
+      *out++ = Tag{Tag::Type::OverflowEnd, 0, 0, CHANNEL_UNUSED, std::int64_t(start + rel)};
       break;
     default:
-      time += field * unit;
+      rel += field * unit;
+      outside |= rel > span;
       ++counted;
-      *out++ = Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, std::int64_t(time)};
+      *out++ = Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, std::int64_t(start + rel)};
       break;
     }
+  }
+  if (outside) {
+    // Tags out of order would break every measurement's view of the stream.
+    CT_ERROR("Time tag block data runs past the end of its block");
+    CT_ERROR("Time tag block data could not be loaded");
+    tags.clear();
+    stopReading();
+    return false;
   }
   tags.resize(std::size_t(out - tags.data()));
   overflow_count += counted;

@@ -244,6 +244,22 @@ TEST(Replay, AFileThatCantBeReadEndsItsRecordingAndReplayGoesOn) {
   EXPECT_EQ(capture.messages().size(), 2u);
 }
 
+TEST(Replay, StreamTimeStaysWithinTheRangeMeasurementsCanAddWindowsTo) {
+  // Each block may span 2^62 ps, but the stream time of a replay never passes it.
+  testing::TempDir dir;
+  const std::int64_t big = std::int64_t(1) << 62;
+  record({{{makeTag(1, 5 - big)}, -big, 0}, {{makeTag(1, 7)}, 0, big}}, dir / "far");
+  testing::LogCapture capture;
+  ChronotickVirtualImpl tagger;
+  TimeTagStream stream(&tagger, 100);
+  tagger.setReplaySpeed(-1.0);
+  tagger.replay(dir / "far");
+  EXPECT_TRUE(tagger.waitForCompletion());
+  EXPECT_EQ(firstDifference(testing::tagsOf(stream.getData()), {makeTag(1, 5)}), "");
+  EXPECT_EQ(capture.count("' is skipped.", LOGGER_ERROR), 1);
+  EXPECT_NE(capture.messages().at(0).find("The replay reached the end of its time range"), std::string::npos);
+}
+
 TEST(Replay, ChannelServices) {
   {
     ChronotickVirtualImpl tagger;

@@ -35,7 +35,8 @@ ReadResult readAll(const std::string &name, bool check_signature = true) {
   std::vector<Tag> tags;
   std::int64_t overflows = 0, begin, end;
   while (reader.getBlockSpan(begin, end)) {
-    EXPECT_TRUE(reader.decodeBlock(tags, begin, overflows));
+    if (!reader.decodeBlock(tags, begin, overflows))
+      break; // a damaged block ends the part
     result.blocks.push_back(tags);
   }
   EXPECT_FALSE(reader.decodeBlock(tags, 0, overflows));
@@ -173,6 +174,19 @@ TEST(TagFileFormat, ReaderMessages) {
   check("too new", Builder().header(2).timeTags(0, 10, w), 0,
         {"This file is too new. Please update your Chronotick installation."});
   check("huge configuration", file().block(5, "{}", 0xFFFFFFF0), 0, {access, "JSON config could not be loaded"});
+  // Times that would leave their block, run backwards or overflow would reach
+  // every measurement: such a block ends the part.
+  const std::string past = "Time tag block data runs past the end of its block",
+                    data = "Time tag block data could not be loaded";
+  check("tag after the end", file().timeTags(0, 10, w).timeTags(10, 20, {word(0, 9), word(0, 2)}).timeTags(20, 30, w),
+        1, {past, data});
+  check("wrapping delta", file().timeTags(0, 10, {word(252, 0xFFFFFF), word(252, 0xFFFFFF), word(0, 1)}), 0,
+        {past, data});
+  check("huge delta", file().timeTags(0, std::int64_t(1) << 62, {word(252, 0xFFFFFF), word(0, 1)}), 0, {past, data});
+  check("backwards block", file().timeTags(10, 0, w), 0,
+        {"Time tag block runs from 10 ps to 0 ps", "Time tag block header could not be loaded"});
+  check("beyond 2^62 ps", file().timeTags(0, (std::int64_t(1) << 62) + 1, w), 0,
+        {"Time tag block runs from 0 ps to 4611686018427387905 ps", "Time tag block header could not be loaded"});
 
   // A file cut inside a block says which part of it could not be loaded.
   const std::string whole = file()
