@@ -5,8 +5,11 @@
 #include <chronotick/Export.h>
 
 #include <string>
+#include <vector>
 
 namespace chronotick {
+
+class Chronotick;
 
 // Version of the library, "major.minor.patch".
 CHRONOTICK_API std::string getVersion();
@@ -33,6 +36,24 @@ CHRONOTICK_API bool freeChronotick(ChronotickBase *tagger);
 
 // Destroys every tagger, whatever its references.
 CHRONOTICK_API void freeAllChronotick();
+
+// The tagger of the board with this serial; "" takes the first board found
+// and gives the same tagger on every later call with "". A tagger for a board
+// that already has one is shared: the same pointer, one more reference. Give
+// each back with freeChronotick. Throws std::runtime_error when the board
+// can't be brought up.
+CHRONOTICK_API Chronotick *createChronotick(const std::string &serial = "");
+
+// Serials of all attached boards: real ones first, then simulated ones.
+CHRONOTICK_API std::vector<std::string> scanChronotick();
+
+// "CT-20" or "CT-Ultra". Asks the tagger of that board if there is one, else
+// brings the board up to find out (throws std::runtime_error if it can't).
+CHRONOTICK_API std::string getChronotickModel(const std::string &serial);
+
+// Taggers built from now on load this firmware file instead of the one for
+// their model; "" returns to the built-in choice.
+CHRONOTICK_API void setCustomBitFileName(const std::string &path);
 
 // Whether this installation may replay recordings.
 CHRONOTICK_API bool hasChronotickVirtualLicense();

@@ -1,5 +1,7 @@
 #include "replay/TaggerRegistry.h"
 
+#include <chronotick/Chronotick.h>
+
 #include "engine/ChronotickRunner.h"
 #include "engine/Log.h"
 #include "storage/TagFileFormat.h"
@@ -32,6 +34,19 @@ void TaggerRegistry::enter(ChronotickBase *key, Chronotick *hardware, Chronotick
   entry.hardware = hardware;
   entry.replay = replay;
   entry.references = 1;
+}
+
+Chronotick *TaggerRegistry::findHardware(const std::string &serial) {
+  for (auto &[key, entry] : registry)
+    if (entry.hardware && entry.hardware->getSerial() == serial)
+      return entry.hardware;
+  return nullptr;
+}
+
+void TaggerRegistry::addReference(ChronotickBase *key, Chronotick *hardware) {
+  Entry &entry = registry[key];
+  entry.hardware = hardware;
+  ++entry.references;
 }
 
 void TaggerRegistry::checkEntry(const Entry &entry) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <string>
 
 namespace chronotick {
 
@@ -41,6 +42,14 @@ public:
   bool release(ChronotickBase *tagger);
   // Destroys every tagger whatever its references. Takes the mutex.
   void releaseAll();
+
+  // Hardware taggers (createChronotick). The tagger made for the serial "".
+  Chronotick *defaultInstance() const { return default_instance; }
+  void setDefaultInstance(Chronotick *tagger) { default_instance = tagger; }
+  // The first hardware tagger in key order whose getSerial() is `serial`; null if none.
+  Chronotick *findHardware(const std::string &serial);
+  // One more reference to a registered tagger, or a new entry with one.
+  void addReference(ChronotickBase *key, Chronotick *hardware);
 
 private:
   friend struct RegistryExit;
