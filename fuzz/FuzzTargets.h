@@ -7,6 +7,8 @@
 // a summary; none of them may crash, hang or allocate beyond what the file
 // could hold, whatever the bytes.
 
+#include "device/RawDecoder.h"
+#include "engine/Worker.h"
 #include "storage/ChronotickFileIO.h"
 
 #include <chronotick/Correlation.h>
@@ -388,6 +390,56 @@ inline RunSummary runReplay(const std::uint8_t *data, std::size_t size) {
   finished = true;
   nudge.join();
   freeChronotick(tagger);
+  return summary;
+}
+
+// The raw word decoder on arbitrary words. The first 16 bytes set up the
+// board (slots, bins, clock, delays, filter, normalization, block length),
+// the rest are words, decoded block by block into one state. Every block must
+// keep what measurements rely on: tags in time order inside [begin, end],
+// and blocks that follow each other.
+inline RunSummary runRawDecoder(const std::uint8_t *data, std::size_t size) {
+  RunSummary summary;
+  if (size < 16)
+    return summary;
+  DeviceChannelState state;
+  const int slots = 2 * (1 + data[0] % 8);
+  const int bins = 1 + data[1] % 64;
+  state.setup(1000 + 100 * std::int64_t(data[2]), bins, slots);
+  for (int s = 0; s < slots; ++s) {
+    state.slot_channels[std::size_t(s)] = s + 1;
+    state.pending_delays[std::size_t(s)] = 37 * std::int64_t(data[4 + s % 8]) * (data[3] & 1 ? 1000 : 1);
+  }
+  DecodeSettings settings;
+  settings.normalization = data[3] & 2;
+  if (data[3] & 4) {
+    settings.trigger_mask = data[12] % (1u << slots);
+    settings.filtered_mask = data[13] % (1u << slots);
+  }
+  const std::size_t block = 1 + data[14] * 4u;
+  const std::size_t count = (size - 16) / 4;
+  std::vector<std::uint32_t> words(count);
+  if (count > 0)
+    std::memcpy(words.data(), data + 16, count * 4);
+  Worker worker;
+  std::int64_t previous_end = state.watermark;
+  for (std::size_t at = 0; at <= count; at += block) {
+    const std::size_t n = std::min(block, count - at);
+    RawDecoder::decode(words.data() + at, n, state, settings, std::uint32_t(at), worker);
+    ++summary.blocks;
+    summary.tags += worker.tags.size();
+    // Times may wrap after enough roll-overs: compared by their difference.
+    auto before = [](std::int64_t a, std::int64_t b) { return std::int64_t(std::uint64_t(a) - std::uint64_t(b)) < 0; };
+    if (worker.begin_time != previous_end || before(worker.end_time, worker.begin_time))
+      summary.consistent = false;
+    std::int64_t last = worker.begin_time;
+    for (const Tag &tag : worker.tags) {
+      if (before(tag.time, last) || before(worker.end_time, tag.time))
+        summary.consistent = false;
+      last = tag.time;
+    }
+    previous_end = worker.end_time;
+  }
   return summary;
 }
 

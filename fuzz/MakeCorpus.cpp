@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <random>
 
 using namespace chronotick;
 using namespace chronotick::ctbin;
@@ -107,6 +108,52 @@ const Block &nth(const std::vector<Block> &blocks, std::uint32_t type, int n) {
 
 std::uint32_t compressionOf(const std::string &bytes, const Block &block) {
   return fuzz::detail::load32(bytes, block.offset + 16 + offsetof(TimeTagBlockRecord, compression));
+}
+
+// Word streams as a board sends them: events in clock order on a few slots,
+// roll-overs, multiple roll-overs, overflow and error marks, missed-event
+// counts and idle words, behind the decoder harness's 16 set-up bytes.
+std::string rawDecoderSeed(std::uint32_t n) {
+  std::mt19937 rng(n + 5);
+  auto below = [&](std::uint32_t limit) { return std::uint32_t(rng() % limit); };
+  auto word = [](std::uint32_t kind, std::uint32_t code, std::uint32_t payload, std::uint32_t coarse) {
+    return (kind << 30) | ((code & 63) << 24) | ((payload & 255) << 16) | (coarse & 0xFFFF);
+  };
+  const std::uint32_t slots = 2 * (1 + n % 8), bins = 1 + (10 + n * 7) % 64;
+  std::string bytes{char(n % 8), char(10 + n * 7), char(10 + n), char(n & 7)};
+  for (int i = 0; i < 8; ++i)
+    bytes.push_back(char(below(256)));
+  bytes += {char(0b101), char(0b1110), char(3 + n * 20), 0};
+  std::uint32_t cycle = 0;
+  for (int i = 0; i < 600; ++i) {
+    const std::uint32_t r = below(100);
+    std::uint32_t w;
+    if (r < 80) {
+      cycle += below(3);
+      if (cycle > 0xFFFF) {
+        cycle = 0;
+        w = word(1, 62, std::uint32_t(i), 0);
+      } else {
+        w = word(1, below(slots), below(bins), cycle);
+      }
+    } else if (r < 85) {
+      cycle = 0;
+      w = word(1, 62, std::uint32_t(i), 0);
+    } else if (r < 88) {
+      cycle = 0;
+      w = word(2, 62, below(3), 0);
+    } else if (r < 90) {
+      w = word(2 + below(2), 63, 0, cycle);
+    } else if (r < 91) {
+      w = word(1, 63, 0, cycle);
+    } else if (r < 93) {
+      w = word(2, below(slots), below(256), 0);
+    } else {
+      w = below(1u << 30); // idle
+    }
+    bytes.append(reinterpret_cast<const char *>(&w), 4);
+  }
+  return bytes;
 }
 
 } // namespace
@@ -226,6 +273,8 @@ int main(int argc, char **argv) {
     save("part_reader", "damaged_" + name, bytes);
     save("replay", "damaged_" + name, flagged(fuzz::REPLAY_KEEP_SEALS, bytes));
   }
+  for (std::uint32_t n = 0; n < 8; ++n)
+    save("raw_decoder", "valid_board_stream_" + std::to_string(n), rawDecoderSeed(n));
   std::filesystem::remove_all(work);
   return 0;
 }

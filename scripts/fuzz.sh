@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Fuzzes the recording readers: builds the libFuzzer harnesses of fuzz/ (the
+# Fuzzes the recording readers and the raw word decoder: builds the libFuzzer harnesses of fuzz/ (the
 # fuzz preset: clang, AddressSanitizer and UndefinedBehaviorSanitizer) and runs
 # each for the given seconds (default 30) on a scratch copy of its seed corpus.
 # A single allocation over 256 MB counts as a failure: what a reader allocates
@@ -16,7 +16,7 @@ cd "$(dirname "$0")/.."
 
 seconds="${1:-30}"
 seed="${CT_FUZZ_SEED:-1}"
-harnesses=(part_reader file_reader replay)
+harnesses=(part_reader file_reader replay raw_decoder)
 
 bash scripts/install-deps.sh
 export CCACHE_BASEDIR="$PWD"

@@ -21,7 +21,9 @@
 //   Any other model string makes an unknown board (model number 0x99) with the
 //   "CT-20" numbers, which bring-up refuses.
 // Fine bins are unequal (+-30 %), fixed per input by the seed. The test signal
-// enters behind the comparators: it needs no trigger level. Input multiplexer
+// enters behind the comparators: it needs no trigger level. Its oscillator
+// runs 1/65536 slower than the multiple of the clock above, so that its edges
+// sweep through every fine bin, which is what calibration learns from. Input multiplexer
 // 1 takes the lower neighbour's connector, 2 the upper one's (wrapping round).
 // The conditional filter is left wholly to the host: the board sends every
 // event of an enabled slot.

@@ -134,12 +134,12 @@ void ChronotickFPGA::setCustomBitFile(const std::string &path) {
 }
 
 std::string ChronotickFPGA::findFirmware(const std::string &name) {
-  const std::string custom = customBitFile();
+  std::string custom = customBitFile();
   if (!custom.empty()) {
     CT_WARNING("Loading custom bitfile '%s'", custom.c_str());
     return custom;
   }
-  const std::string local = "./" + name;
+  std::string local = "./" + name;
   if (isFile(local)) {
     CT_WARNING("INFO: Loading bitfile from current directory: %s", local.c_str());
     return local;
@@ -198,7 +198,7 @@ bool ChronotickFPGA::open(bool silent) {
     if (silent)
       return false;
     std::string message = "Opening of USB connection failed or device with serial '" + serial_ + "' not found.";
-    DeviceLinkProvider &usb = fixed_provider ? *provider : vendorLinkProvider();
+    DeviceLinkProvider &usb = fixed_provider && provider ? *provider : vendorLinkProvider();
     if (!usb.available()) {
       message += ' ';
       message += usb.unavailableReason();

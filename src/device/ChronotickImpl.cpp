@@ -155,7 +155,7 @@ void ChronotickImpl::buildTables() {
     const ChronotickFPGA &fpga = *d.fpga;
     const int inputs = fpga.inputs();
     const std::vector<bool> &usable = fpga.usableInputs();
-    d.slot_channels.assign(std::size_t(2 * inputs), CHANNEL_UNUSED);
+    d.slot_channels.assign(2 * std::size_t(inputs), CHANNEL_UNUSED);
     d.compensation.assign(std::size_t(inputs), 0);
     for (int input = 0; input < inputs; ++input) {
       const std::size_t i = std::size_t(input);
@@ -165,7 +165,7 @@ void ChronotickImpl::buildTables() {
         d.compensation[i] = COMPENSATION_ULTRA[i];
       // The licence names usable inputs, or usable slots.
       const bool open =
-          usable.empty() || (usable.size() == std::size_t(2 * inputs) ? usable[2 * i] : i < usable.size() && usable[i]);
+          usable.empty() || (usable.size() == 2 * std::size_t(inputs) ? usable[2 * i] : i < usable.size() && usable[i]);
       if (!open)
         continue;
       const std::int32_t rising = scheme == CT_CHANNEL_NUMBER_SCHEME_ZERO ? input : input + 1;
@@ -190,7 +190,7 @@ void ChronotickImpl::buildTables() {
     const std::int64_t time = d.state.watermark;
     d.state.setup(fpga.clockPeriodPs(), fpga.binCount(), 2 * inputs);
     d.state.slot_channels = d.slot_channels;
-    d.state.pending_delays.assign(std::size_t(2 * inputs), 0);
+    d.state.pending_delays.assign(2 * std::size_t(inputs), 0);
     // The stream goes on from where it was: blocks never run back.
     d.state.rollover_base = time;
     d.state.watermark = time;
@@ -349,7 +349,7 @@ bool ChronotickImpl::readStep(Device &d, std::vector<std::uint32_t> &raw, bool &
     // latency limit, capped by the event limit, in whole pipe blocks.
     const std::size_t unit = std::size_t(std::max(fpga.pipeBlockBytes() / 4, 1));
     const double by_latency = std::floor(double(stream_block_latency_ms) * d.word_rate / double(unit));
-    const double by_events = double(std::size_t(stream_block_events) / unit);
+    const double by_events = std::floor(double(stream_block_events) / double(unit));
     words = std::max<std::size_t>(std::size_t(std::min(by_latency, by_events)), 1) * unit;
     if (d.config_dirty) {
       delays = upload(d);

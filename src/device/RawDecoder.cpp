@@ -66,7 +66,7 @@ public:
   }
 
   void finish() {
-    if (lazy)
+    if (deferred)
       release(watermark);
     state.rollover_base = base;
     state.watermark = watermark;
@@ -106,6 +106,7 @@ private:
   std::uint64_t open;
   bool in_overflow;
   bool lazy = false;
+  bool deferred = false; // the watermark moved on without a release
   // Fixed for the block; the vectors keep their sizes.
   const bool normalization;
   const bool filtering;
@@ -136,10 +137,14 @@ void RawDecoder::Pass::event(std::uint32_t code, std::uint32_t payload, std::uin
   }
   if (before(t, watermark))
     return;
-  if (lazy)
-    watermark = t;
-  else if (t != watermark)
-    flush(t);
+  if (t != watermark) {
+    if (lazy) {
+      watermark = t;
+      deferred = true;
+    } else {
+      flush(t);
+    }
+  }
   if (!filtering) {
     ++bin[0].count;
     time = plus(time, delays[code]);
@@ -177,8 +182,9 @@ void RawDecoder::Pass::rollover(std::uint32_t kind, std::uint32_t payload, std::
 void RawDecoder::Pass::control(std::uint32_t kind, std::uint32_t coarse) {
   if (kind == 1) {
     // The clock was lost: nothing still pending can be trusted.
-    if (lazy)
+    if (deferred)
       release(watermark);
+    deferred = false;
     state.pending_heap.clear();
     state.sort_heap.clear();
     if (state.resynchronized) {
@@ -188,7 +194,11 @@ void RawDecoder::Pass::control(std::uint32_t kind, std::uint32_t coarse) {
     }
     base = plus(base, times(period, ROLLOVER));
   }
-  const std::int64_t t = timeOf(coarse);
+  // A mark out of place in a damaged stream comes no earlier than what was
+  // already released.
+  std::int64_t t = timeOf(coarse);
+  if (before(t, watermark))
+    t = watermark;
   const Tag::Type type = kind == 1 ? Tag::Type::Error : kind == 2 ? Tag::Type::OverflowBegin : Tag::Type::OverflowEnd;
   Tag tag = makeTag(type, CHANNEL_UNUSED, t);
   flush(t);
@@ -203,11 +213,13 @@ void RawDecoder::Pass::control(std::uint32_t kind, std::uint32_t coarse) {
 }
 
 void RawDecoder::Pass::flush(std::int64_t t) {
-  // What the flushes put off would have released goes first.
-  if (lazy && before(t, watermark))
-    release(watermark);
+  // The watermark never runs back (a roll-over word of no length, a mark
+  // out of place): tags already released must stay final and in order.
+  if (before(t, watermark))
+    return;
   watermark = t;
   release(t);
+  deferred = false;
 }
 
 void RawDecoder::Pass::release(std::int64_t t) {

@@ -65,9 +65,9 @@ void SimulatedBoard::loadFirmware(std::uint32_t interface_version_, std::uint32_
   wire_applied.fill(0);
   wire_out.fill(0);
   serial_done = false;
-  config.assign(std::size_t(2 * model.inputs * CONFIG_RECORD_BYTES), 0);
+  config.assign(2 * std::size_t(model.inputs) * CONFIG_RECORD_BYTES, 0);
   config_at = 0;
-  settings.slots.assign(std::size_t(2 * model.inputs), SlotSettings{});
+  settings.slots.assign(2 * std::size_t(model.inputs), SlotSettings{});
   settings.thresholds.assign(std::size_t(model.inputs), model.dac_low);
   if (settings.words_per_second <= 0)
     settings.words_per_second = spec.usb3 ? 100e6 : 8e6;

@@ -29,7 +29,7 @@ StreamGenerator::StreamGenerator(int inputs_, std::int64_t period_ps_, int bins,
     : inputs(inputs_), period_ps(period_ps_), in(static_cast<std::size_t>(inputs_)),
       slots(static_cast<std::size_t>(2 * inputs_)) {
   for (int i = 0; i < inputs; ++i) {
-    lines.emplace_back(period_ps, bins, streamSeed(seed, std::uint64_t(1 + i)));
+    lines.emplace_back(period_ps, bins, streamSeed(seed, 1 + std::uint64_t(i)));
     in[std::size_t(i)].random = Random(streamSeed(seed, (run << 16) + 1000 + std::uint64_t(i)));
   }
 }
@@ -175,10 +175,10 @@ void StreamGenerator::makePulses(int input, std::int64_t end) {
 }
 
 void StreamGenerator::makeEvents(const StreamSettings &settings, int input, std::int64_t end) {
-  const SlotSettings &rise_cfg = settings.slots[std::size_t(2 * input)];
-  const SlotSettings &fall_cfg = settings.slots[std::size_t(2 * input + 1)];
-  Slot &rise = slots[std::size_t(2 * input)];
-  Slot &fall = slots[std::size_t(2 * input + 1)];
+  const SlotSettings &rise_cfg = settings.slots[2 * std::size_t(input)];
+  const SlotSettings &fall_cfg = settings.slots[2 * std::size_t(input) + 1];
+  Slot &rise = slots[2 * std::size_t(input)];
+  Slot &fall = slots[2 * std::size_t(input) + 1];
   rise.events.clear();
   fall.events.clear();
   if (!fall_cfg.enabled)

@@ -6,6 +6,7 @@
 
 #include <chronotick/Tag.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <vector>
@@ -72,6 +73,8 @@ struct ModelBoard {
   }
 
   void flush(std::int64_t t, std::uint64_t trigger, std::uint64_t filtered, std::vector<Tag> &out) {
+    if (t < watermark)
+      return; // the watermark never runs back
     watermark = t;
     while (!pending.empty() && pending.begin()->first < t) {
       Held held = pending.begin()->second;
@@ -155,7 +158,7 @@ struct ModelBoard {
           sorted.clear();
           base += period * 65536;
         }
-        const std::int64_t t = base + coarse * period;
+        const std::int64_t t = std::max(base + coarse * period, watermark);
         flush(t, trigger, filtered, out);
         if (kind == 2)
           in_overflow = true;

@@ -19,8 +19,10 @@ namespace {
 using Harness = std::function<fuzz::RunSummary(const std::uint8_t *, std::size_t)>;
 
 const std::map<std::string, Harness> &harnesses() {
-  static const std::map<std::string, Harness> all{
-      {"part_reader", fuzz::runPartReader}, {"file_reader", fuzz::runFileReader}, {"replay", fuzz::runReplay}};
+  static const std::map<std::string, Harness> all{{"part_reader", fuzz::runPartReader},
+                                                  {"file_reader", fuzz::runFileReader},
+                                                  {"replay", fuzz::runReplay},
+                                                  {"raw_decoder", fuzz::runRawDecoder}};
   return all;
 }
 

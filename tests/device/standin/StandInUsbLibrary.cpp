@@ -8,6 +8,7 @@
 
 #include <chronotick/Simulation.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -59,8 +60,10 @@ struct Sensors {
 };
 
 void copySerial(const std::string &serial, char *buffer, std::size_t size) {
-  std::strncpy(buffer, serial.c_str(), size - 1);
-  buffer[size - 1] = 0;
+  // Cut to the caller's buffer, as the library does.
+  const std::size_t n = std::min(serial.size(), size - 1);
+  std::memcpy(buffer, serial.data(), n);
+  buffer[n] = 0;
 }
 
 // Entry points on a device that isn't open fail like the library's do.

@@ -1,0 +1,3 @@
+#include "FuzzMain.h"
+
+CT_FUZZ_HARNESS(chronotick::fuzz::runRawDecoder)
