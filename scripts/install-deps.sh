@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ ccache pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev
-          liblz4-dev libssl-dev clang-14 clang-format clang-tidy libfuzzer-14-dev libclang-rt-14-dev)
+          liblz4-dev libssl-dev clang-14 clang-format clang-tidy libfuzzer-14-dev libclang-rt-14-dev
+          python3-dev pybind11-dev python3-numpy python3-matplotlib python3-pytest)
 
 missing=()
 for p in "${packages[@]}"; do
