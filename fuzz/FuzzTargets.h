@@ -133,8 +133,17 @@ inline void drainPart(TagFileReader &reader, RunSummary &summary) {
       continue;
     }
     if (!reader.decodeBlock(tags, begin, overflows)) {
-      summary.consistent = false; // a loaded block must decode
+      // Only a block whose times leave it fails to decode, and it ends the part.
+      if (reader.hasBlock() || !tags.empty())
+        summary.consistent = false;
       return;
+    }
+    // What measurements rely on: tags in order, inside their block.
+    std::int64_t last = begin;
+    for (const Tag &tag : tags) {
+      if (tag.time < last || tag.time > end)
+        summary.consistent = false;
+      last = tag.time;
     }
     ++summary.blocks;
     summary.tags += tags.size();

@@ -975,29 +975,22 @@ void ChronotickImpl::autoCalibration(std::function<double *(std::size_t)> array_
 }
 
 void ChronotickImpl::getDistributionCount(std::function<std::int64_t *(std::size_t, std::size_t)> array_out) {
-  if (!array_out)
-    throw std::bad_function_call();
-  std::vector<ChannelLocation> rows;
-  std::size_t length = 0;
-  {
-    std::lock_guard<std::mutex> guard(config_mutex);
-    for (std::int32_t channel : channelListLocked())
-      rows.push_back(locations.at(channel));
-    for (const auto &d : devices)
-      length = std::max(length, std::size_t(std::max(d->fpga->binCount(), 0)));
-  }
-  std::int64_t *out = array_out(rows.size(), length);
-  for (std::size_t row = 0; row < rows.size(); ++row) {
-    Device &d = *devices[rows[row].device];
-    std::lock_guard<std::mutex> guard(d.decode_mutex);
-    const std::size_t bins = std::size_t(std::max(d.state.bin_count, 0));
-    const FineBin *fine = d.state.binsOf(rows[row].slot);
-    for (std::size_t i = 0; i < length; ++i)
-      out[row * length + i] = i < bins ? std::int64_t(fine[i].count) : 0;
-  }
+  distribution(array_out, [](const FineBin *fine, std::size_t bins, std::size_t i) {
+    return i < bins ? std::int64_t(fine[i].count) : 0;
+  });
 }
 
 void ChronotickImpl::getDistributionPSecs(std::function<std::int64_t *(std::size_t, std::size_t)> array_out) {
+  // Past this board's own bins: its sentinel, the end of the cycle.
+  distribution(array_out, [](const FineBin *fine, std::size_t bins, std::size_t i) {
+    return std::int64_t(fine[std::min(i, bins)].start_ps);
+  });
+}
+
+// One row per channel of getChannelList, as long as the longest delay line
+// of the boards; each row read under its board's decode lock.
+void ChronotickImpl::distribution(const std::function<std::int64_t *(std::size_t, std::size_t)> &array_out,
+                                  std::int64_t (*value)(const FineBin *, std::size_t, std::size_t)) {
   if (!array_out)
     throw std::bad_function_call();
   std::vector<ChannelLocation> rows;
@@ -1015,9 +1008,8 @@ void ChronotickImpl::getDistributionPSecs(std::function<std::int64_t *(std::size
     std::lock_guard<std::mutex> guard(d.decode_mutex);
     const std::size_t bins = std::size_t(std::max(d.state.bin_count, 0));
     const FineBin *fine = d.state.binsOf(rows[row].slot);
-    // Past this board's own bins: its sentinel, the end of the cycle.
     for (std::size_t i = 0; i < length; ++i)
-      out[row * length + i] = std::int64_t(fine[std::min(i, bins)].start_ps);
+      out[row * length + i] = value(fine, bins, i);
   }
 }
 

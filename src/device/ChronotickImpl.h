@@ -147,6 +147,8 @@ private:
   DecodeSettings decodeSettings(std::size_t device) const;
   std::vector<double> dacRange() const;
   std::vector<std::int32_t> channelListLocked() const;
+  void distribution(const std::function<std::int64_t *(std::size_t, std::size_t)> &array_out,
+                    std::int64_t (*value)(const FineBin *, std::size_t, std::size_t));
 
   std::mutex config_mutex;
   std::int32_t scheme = CT_CHANNEL_NUMBER_SCHEME_ONE;
