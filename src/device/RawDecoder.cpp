@@ -49,9 +49,9 @@ public:
   Pass(DeviceChannelState &state, const DecodeSettings &settings, Worker &worker)
       : state(state), settings(settings), out(worker.tags), incomplete(worker.incomplete),
         period(state.clock_period_ps), row(std::int64_t(state.bin_count) + 1), base(state.rollover_base),
-        watermark(state.watermark), rng(state.rng_state), open(state.filter_open_mask), in_overflow(state.in_overflow),
-        normalization(settings.normalization), filtering(settings.filtered_mask != 0), bins(state.fine_bins.data()),
-        channels(state.slot_channels.data()), delays(state.active_delays.data()) {
+        watermark(state.watermark), released(state.watermark), rng(state.rng_state), open(state.filter_open_mask),
+        in_overflow(state.in_overflow), normalization(settings.normalization), filtering(settings.filtered_mask != 0),
+        bins(state.fine_bins.data()), channels(state.slot_channels.data()), delays(state.active_delays.data()) {
     std::int64_t min_delay = 0;
     for (std::int64_t delay : state.active_delays) {
       max_delay = std::max(max_delay, delay);
@@ -66,7 +66,7 @@ public:
   }
 
   void finish() {
-    if (deferred)
+    if (before(released, watermark))
       release(watermark);
     state.rollover_base = base;
     state.watermark = watermark;
@@ -102,11 +102,11 @@ private:
   std::int64_t max_delay = 0;
   std::int64_t base;
   std::int64_t watermark;
+  std::int64_t released; // the watermark at the last release; behind the watermark while releases wait
   std::uint64_t rng;
   std::uint64_t open;
   bool in_overflow;
   bool lazy = false;
-  bool deferred = false; // the watermark moved on without a release
   // Fixed for the block; the vectors keep their sizes.
   const bool normalization;
   const bool filtering;
@@ -137,14 +137,10 @@ void RawDecoder::Pass::event(std::uint32_t code, std::uint32_t payload, std::uin
   }
   if (before(t, watermark))
     return;
-  if (t != watermark) {
-    if (lazy) {
-      watermark = t;
-      deferred = true;
-    } else {
-      flush(t);
-    }
-  }
+  if (lazy)
+    watermark = t;
+  else if (t != watermark)
+    flush(t);
   if (!filtering) {
     ++bin[0].count;
     time = plus(time, delays[code]);
@@ -182,9 +178,8 @@ void RawDecoder::Pass::rollover(std::uint32_t kind, std::uint32_t payload, std::
 void RawDecoder::Pass::control(std::uint32_t kind, std::uint32_t coarse) {
   if (kind == 1) {
     // The clock was lost: nothing still pending can be trusted.
-    if (deferred)
+    if (before(released, watermark))
       release(watermark);
-    deferred = false;
     state.pending_heap.clear();
     state.sort_heap.clear();
     if (state.resynchronized) {
@@ -219,7 +214,7 @@ void RawDecoder::Pass::flush(std::int64_t t) {
     return;
   watermark = t;
   release(t);
-  deferred = false;
+  released = t;
 }
 
 void RawDecoder::Pass::release(std::int64_t t) {
