@@ -93,7 +93,7 @@ int main() {
   SynchronizedMeasurements group(tagger);
   Countrate rates(group.getTagger(), {1, 2, 3});
   Histogram lifetime(group.getTagger(), 2, 1, BIN, BINS);
-  Correlation g2(group.getTagger(), 2, 3, 1000, 400);
+  Correlation g2(group.getTagger(), 2, 3, 1000, 500);
   FileWriter writer(group.getTagger(), recording, {1, 2, 3});
   group.start();
   std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -116,13 +116,15 @@ int main() {
     mean += v / static_cast<double>(c.size());
   std::printf("Correlation of the detectors, peaks at:");
   for (std::size_t i = 0; i < c.size(); ++i) {
-    // The highest bin of each stretch above three times the mean.
+    // The centre of mass of each stretch above three times the mean.
     if (c[i] <= 3 * mean)
       continue;
-    std::size_t top = i;
-    for (; i < c.size() && c[i] > 3 * mean; ++i)
-      top = c[i] > c[top] ? i : top;
-    std::printf(" %+.1f ns", static_cast<double>(delays[top] + 500) / 1e3);
+    double weight = 0, moment = 0;
+    for (; i < c.size() && c[i] > 3 * mean; ++i) {
+      weight += c[i];
+      moment += c[i] * (static_cast<double>(delays[i]) + 500.0);
+    }
+    std::printf(" %+.1f ns", moment / weight / 1e3);
   }
   std::printf("\n\n");
   freeChronotick(tagger);
