@@ -78,7 +78,14 @@ public:
   void run(const std::uint32_t *words, std::size_t count, std::uint32_t current_fence);
 
 private:
-  [[gnu::always_inline]] inline void event(std::uint32_t code, std::uint32_t payload, std::uint32_t coarse);
+  // `x` is the random state and `limits` the table's sizes, kept in locals of
+  // run(): as members they would be read again after every tag stored.
+  struct Limits {
+    std::int32_t slots;
+    std::int32_t bins;
+  };
+  [[gnu::always_inline]] inline void event(std::uint32_t code, std::uint32_t payload, std::uint32_t coarse,
+                                           std::uint64_t &x, Limits limits);
   void missed(std::uint32_t kind, std::uint32_t code, std::uint32_t payload);
   void rollover(std::uint32_t kind, std::uint32_t payload, std::uint32_t current_fence);
   void control(std::uint32_t kind, std::uint32_t coarse);
@@ -115,23 +122,24 @@ private:
   const std::int64_t *const delays;
 };
 
-void RawDecoder::Pass::event(std::uint32_t code, std::uint32_t payload, std::uint32_t coarse) {
+void RawDecoder::Pass::event(std::uint32_t code, std::uint32_t payload, std::uint32_t coarse, std::uint64_t &x,
+                             Limits limits) {
   if (waitingForSync()) {
     incomplete = true;
     return;
   }
   // Matching firmware sends neither; the table has no entry for them.
-  if (std::int32_t(code) >= state.slot_count || std::int32_t(payload) >= state.bin_count)
+  if (std::int32_t(code) >= limits.slots || std::int32_t(payload) >= limits.bins)
     return;
   const std::int64_t t = timeOf(coarse);
   FineBin *bin = bins + (std::int64_t(payload) + std::int64_t(code) * row);
   std::int64_t time = plus(t, bin[0].start_ps);
   if (normalization) {
     // Drawn before the drop below, so that the sequence doesn't depend on it.
-    rng ^= rng >> 12;
-    rng ^= rng << 25;
-    rng ^= rng >> 27;
-    const std::uint64_t r = (rng * 0x2545F4914F6CDD1DULL) >> 32;
+    x ^= x >> 12;
+    x ^= x << 25;
+    x ^= x >> 27;
+    const std::uint64_t r = (x * 0x2545F4914F6CDD1DULL) >> 32;
     const std::uint32_t width = bin[1].start_ps - bin[0].start_ps;
     time = plus(time, std::int64_t((std::uint64_t(width) * r) >> 32));
   }
@@ -311,6 +319,8 @@ void RawDecoder::Pass::sortIn(const Tag &tag) {
 }
 
 void RawDecoder::Pass::run(const std::uint32_t *words, std::size_t count, std::uint32_t current_fence) {
+  std::uint64_t x = rng;
+  const Limits limits{state.slot_count, state.bin_count};
   for (std::size_t n = 0; n < count; ++n) {
     const std::uint32_t word = words[n];
     const std::uint32_t kind = word >> 30;
@@ -321,7 +331,7 @@ void RawDecoder::Pass::run(const std::uint32_t *words, std::size_t count, std::u
     const std::uint32_t coarse = word & 0xFFFF;
     if (code <= board::MAX_SLOT_CODE) {
       if (kind == 1)
-        event(code, payload, coarse);
+        event(code, payload, coarse, x, limits);
       else
         missed(kind, code, payload);
     } else if (code == board::CODE_ROLLOVER) {
@@ -332,6 +342,7 @@ void RawDecoder::Pass::run(const std::uint32_t *words, std::size_t count, std::u
       state.heard_sync_board = true;
     }
   }
+  rng = x;
 }
 
 // The exact conditional filter: each trigger opens every filtered slot for
