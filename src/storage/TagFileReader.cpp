@@ -307,11 +307,14 @@ bool TagFileReader::decodeBlock(std::vector<Tag> &tags, std::int64_t start_time,
   bool outside = false;
   bool in_overflow = record.overflow_at_begin != 0;
   std::int64_t counted = 0;
-  // Delta codes shift the product up: checked, as they are rare.
+  // Delta codes shift the product up, up to nearly 2^64: a step beyond the
+  // span is outside by itself, and is never added, so that `rel` can't wrap.
   auto addShifted = [&](std::uint64_t field, int shift) {
     const std::uint64_t product = field * unit;
-    if (product >> (64 - shift) != 0)
+    if (product >> (64 - shift) != 0 || (product << shift) > span) {
       outside = true;
+      return;
+    }
     rel += product << shift;
     outside |= rel > span;
   };

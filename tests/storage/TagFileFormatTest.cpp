@@ -183,6 +183,9 @@ TEST(TagFileFormat, ReaderMessages) {
   check("wrapping delta", file().timeTags(0, 10, {word(252, 0xFFFFFF), word(252, 0xFFFFFF), word(0, 1)}), 0,
         {past, data});
   check("huge delta", file().timeTags(0, std::int64_t(1) << 62, {word(252, 0xFFFFFF), word(0, 1)}), 0, {past, data});
+  check("delta wrapping back into the block",
+        file().timeTags(0, std::int64_t(1) << 49, {word(252, 1), word(0, 10), word(252, 0xFFFF), word(0, 5)}), 0,
+        {past, data});
   check("backwards block", file().timeTags(10, 0, w), 0,
         {"Time tag block runs from 10 ps to 0 ps", "Time tag block header could not be loaded"});
   check("beyond 2^62 ps", file().timeTags(0, (std::int64_t(1) << 62) + 1, w), 0,
