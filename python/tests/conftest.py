@@ -1,10 +1,11 @@
-"""Shared fixtures: simulated boards, taggers that are freed afterwards, and a
-short recording."""
+"""Shared fixtures: simulated boards, taggers that are freed afterwards, a
+tagger with known signals, and a short recording."""
 
 import os
 import subprocess
 import sys
 import textwrap
+import time
 
 import pytest
 
@@ -34,12 +35,51 @@ def virtual():
         yield tagger
 
 
+LASER, CLICKS, ECHO = 1, 2, 3
+PERIOD = 100_000  # ps between laser pulses, each 3 ns wide
+DELAY = 20_000  # ps from each click to its echo
+
+
+@pytest.fixture(scope="module")
+def tagger():
+    """Per module (freeAllChronotick frees every tagger), a tagger with a laser on channel 1, Poisson clicks (1 MHz) on 2 and
+    their echoes on 3."""
+    serial = sim.addBoard(sim.BoardSpec(model="CT-Ultra", seed=7))
+    laser = sim.Signal.periodic(PERIOD, 3)
+    laser.width = 3_000
+    sim.setSignal(serial, LASER - 1, laser)
+    sim.setSignal(serial, CLICKS - 1, sim.Signal.poisson(1e6))
+    sim.setSignal(serial, ECHO - 1, sim.Signal.copy(CLICKS - 1, DELAY, 5))
+    with chronotick.createChronotick(serial) as t:
+        yield t
+    sim.removeBoard(serial)
+
+
+def wait_stopped(measurement, timeout=30.0):
+    deadline = time.monotonic() + timeout
+    while measurement.isRunning():
+        assert time.monotonic() < deadline, "capture did not end"
+        time.sleep(0.01)
+
+
+def capture(tagger, build, channels, duration):
+    """Runs what build(tagger) makes together with a raw stream of `channels`
+    (or of channels(made), if callable); returns what was made and the stream's buffer."""
+    group = chronotick.SynchronizedMeasurements(tagger)
+    made = build(group.getTagger())
+    stream = chronotick.TimeTagStream(group.getTagger(), n_max_events=10_000_000,
+                                      channels=channels(made) if callable(channels) else channels)
+    group.startFor(duration)
+    wait_stopped(group)
+    buffer = stream.getData()
+    assert not buffer.has_overflows
+    return made, buffer
+
+
 @pytest.fixture(scope="session")
 def recording(tmp_path_factory):
     """A recording of about 0.5 s: channels 1 and 2 of a simulated board's
     test signal (about 55 kHz each)."""
-    if not hasattr(chronotick, "FileWriter"):
-        pytest.skip("chronotick.FileWriter is not available in this build")
     name = str(tmp_path_factory.mktemp("recording") / "test_signal.ctbin")
     serial = sim.addBoard(sim.BoardSpec(model="CT-20", seed=7))
     try:

@@ -15,8 +15,6 @@ import pytest
 import chronotick
 from conftest import run_python
 
-needs_countrate = pytest.mark.skipif(not hasattr(chronotick, "Countrate"),
-                                     reason="chronotick.Countrate is not available in this build")
 
 
 def alive(serial):
@@ -33,7 +31,6 @@ def alive(serial):
 
 
 class TestOwnership:
-    @needs_countrate
     def test_measurement_outlives_its_tagger(self, board):
         tagger = chronotick.createChronotick(board)
         tagger.setTestSignal([1], True)
@@ -63,7 +60,6 @@ class TestOwnership:
         gc.collect()
         assert not alive(board)
 
-    @needs_countrate
     @pytest.mark.parametrize("order", [("tagger", "rate"), ("rate", "tagger")])
     def test_collection_in_any_order(self, board, order):
         objects = {"tagger": chronotick.createChronotick(board)}
@@ -73,7 +69,6 @@ class TestOwnership:
             gc.collect()
         assert not alive(board)
 
-    @needs_countrate
     def test_measurement_keeps_its_tagger_object(self, board):
         rate = chronotick.Countrate(chronotick.createChronotick(board), [1])
         gc.collect()
@@ -83,8 +78,7 @@ class TestOwnership:
         gc.collect()
         assert not alive(board)
 
-    def test_exit_with_taggers_alive(self, request):
-        recording = request.getfixturevalue("recording") if hasattr(chronotick, "FileWriter") else None
+    def test_exit_with_taggers_alive(self, recording):
         result = run_python(f"""
             import chronotick
             from chronotick import simulation as sim
@@ -93,10 +87,8 @@ class TestOwnership:
             hardware.setTestSignal([1, 2], True)
             replay = chronotick.createChronotickVirtual()
             replay.setReplaySpeed(1.0)
-            if {recording!r}:
-                replay.replay({recording!r})
-            measurements = [chronotick.Countrate(t, [1, 2]) for t in (hardware, replay)
-                            if hasattr(chronotick, "Countrate")]
+            replay.replay({recording!r})
+            measurements = [chronotick.Countrate(t, [1, 2]) for t in (hardware, replay)]
             shared = chronotick.createChronotick(serial)
             cycle = [hardware, measurements]
             cycle.append(cycle)

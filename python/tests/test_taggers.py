@@ -37,13 +37,11 @@ class TestHardwareTagger:
         assert hardware.getSerial() == board
         assert hardware.getModel() == chronotick.getChronotickModel(board) == "CT-20"
         assert hardware.getChannelList() == list(range(1, 9))
-        assert hardware.getPsPerClock() == 6000
         assert hardware.getDacRange() == [0.0, 2.5]
-        assert hardware.getChannelNumberScheme() == chronotick.CT_CHANNEL_NUMBER_SCHEME_ONE
-        assert hardware.getInvertedChannel(3) == -3
         assert "FPGA temperature" in hardware.getSensorData()
 
     def test_settings_round_trip(self, hardware):
+        # Keyword names and list arguments as in C++; values reach the tagger.
         hardware.setTriggerLevel(channel=2, voltage=0.8)
         assert hardware.getTriggerLevel(2) == pytest.approx(0.8, abs=0.01)
         hardware.setInputDelay(2, 1234)
@@ -52,33 +50,20 @@ class TestHardwareTagger:
         hardware.setTestSignal([1, 3], True)
         hardware.setTestSignal(channel=4, enable=True)
         assert [hardware.getTestSignal(c) for c in (1, 2, 3, 4)] == [True, False, True, True]
-        hardware.setTestSignalDivider(100)
-        assert hardware.getTestSignalDivider() == 100
-        hardware.setInputMux(5, 3)
-        assert hardware.getInputMux(5) == 3
-        hardware.setEventDivider(6, 10)
-        assert hardware.getEventDivider(6) == 10
-        hardware.setNormalization(True)
-        assert hardware.getNormalization()
         hardware.setStreamBlockSize(max_events=1024, max_latency=5)
         assert (hardware.getStreamBlockSizeEvents(), hardware.getStreamBlockSizeLatency()) == (1024, 5)
         hardware.setConditionalFilter(trigger=[1], filtered=[2])
         assert (hardware.getConditionalFilterTrigger(), hardware.getConditionalFilterFiltered()) == ([1], [2])
-        hardware.clearConditionalFilter()
-        assert hardware.getConditionalFilterFiltered() == []
-        first = hardware.getNewVirtualChannel()
-        assert hardware.getNewVirtualChannel() == first + 1
         hardware.reset()
-        assert hardware.getInputDelay(2) == 0
+        assert hardware.getInputDelay(2) == 0 and hardware.getConditionalFilterFiltered() == []
 
-    def test_bad_arguments_raise_the_library_texts(self, hardware):
-        with pytest.raises(ValueError) as error:
-            hardware.setStreamBlockSize(10, 5)
-        assert str(error.value)
+    def test_bad_arguments_raise(self, hardware):
         with pytest.raises(ValueError):
             hardware.setConditionalFilter([1], [99])
         with pytest.raises(TypeError):
             hardware.setInputDelay(channel="one", delay=0)
+        with pytest.raises(RuntimeError):
+            chronotick.createChronotick("no such board")
 
     def test_calibration_results_are_numpy(self, hardware):
         rms = hardware.autoCalibration()
@@ -99,51 +84,32 @@ class TestHardwareTagger:
         assert hardware.free() is True
         assert hardware.free() is False
 
-    def test_unknown_board_raises_runtime_error(self):
-        with pytest.raises(RuntimeError):
-            chronotick.createChronotick("no such board")
-
 
 class TestReplayTagger:
-    def test_settings_round_trip(self, virtual):
-        assert virtual.getReplaySpeed() == -1.0
+    def test_waits_and_exceptions(self, virtual, tmp_path):
         virtual.setReplaySpeed(speed=0.1)
         assert virtual.getReplaySpeed() == 0.1
-        virtual.setInputDelay(5, -100)
-        assert virtual.getInputDelay(5) == -100
-        assert virtual.setDeadtime(5, 1000) == 1000
-        virtual.setTestSignal(5, True)
-        assert virtual.getTestSignal(5)
-        assert virtual.getConfiguration() == ""
-        assert virtual.getOverflowsAndClear() == virtual.getOverflows() == 0
         assert virtual.waitForCompletion() is True  # nothing queued
         assert virtual.waitForFence(virtual.getFence(), timeout=5000) is True
-        virtual.sync()
-
-    def test_exceptions(self, virtual, tmp_path):
         missing = str(tmp_path / "missing.ctbin")
         with pytest.raises(RuntimeError, match=f"^File '{missing}' could not be opened.$"):
             virtual.replay(missing)
         with pytest.raises(RuntimeError, match="^Slow replay speed between 0.0 and 0.1 is not supported.$"):
             virtual.setReplaySpeed(0.05)
-        with pytest.raises(ValueError, match="^negative deadtimes are not supported$"):
-            virtual.setDeadtime(1, -1)
 
     def test_replays_a_recording(self, virtual, recording):
         virtual.setReplaySpeed(-1.0)
-        counts = chronotick.Countrate(virtual, [1, 2]) if hasattr(chronotick, "Countrate") else None
+        counts = chronotick.Countrate(virtual, [1, 2])
         replay_id = virtual.replay(file=recording, begin=0, duration=-1, queue=True)
         assert virtual.waitForCompletion(id=replay_id, timeout=30000)
         assert '"' in virtual.getConfiguration()
-        if counts is not None:
-            assert np.all(counts.getCountsTotal() > 10000)
+        assert np.all(counts.getCountsTotal() > 10000)
 
     def test_freed_tagger_raises(self):
         with chronotick.createChronotickVirtual() as tagger:
             pass
         assert repr(tagger) == "<chronotick.ChronotickVirtual (freed)>"
-        for call in (tagger.getReplaySpeed, tagger.sync, lambda: tagger.replay("x"), tagger.waitForCompletion,
-                     lambda: tagger.getInputDelay(1)):
+        for call in (tagger.sync, lambda: tagger.replay("x"), tagger.waitForCompletion):
             with pytest.raises(RuntimeError, match="^This tagger was freed.$"):
                 call()
         assert chronotick.freeChronotick(tagger) is False
@@ -184,14 +150,6 @@ class TestSimulation:
         finally:
             sim.removeBoard(serial)
         assert serial not in sim.listBoards()
-
-    def test_signal_constructors(self):
-        signal = sim.Signal.fluorescence(source_input=1, probability=0.25, lifetime_ps=3000, delay_ps=100)
-        assert (signal.kind, signal.source, signal.probability, signal.lifetime, signal.delay) == (
-            sim.Signal.Kind.Fluorescence, 1, 0.25, 3000, 100)
-        assert sim.Signal.copy(2, 500).kind == sim.Signal.Kind.Copy
-        assert sim.Signal.off().kind == sim.Signal.Kind.Off
-        assert sim.Signal.poisson(5e3).rate == 5e3
 
 
 class TestLogging:

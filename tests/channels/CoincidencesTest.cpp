@@ -138,14 +138,6 @@ TEST(Coincidences, WindowBoundariesAndTimestamps) {
 
 TEST(Coincidences, ConstructionRules) {
   TestTagger tagger;
-  EXPECT_EQ(messageOf([&] {
-              Coincidences c(&tagger, {{1, 2}}, 100, static_cast<Kind>(4));
-            }),
-            "invalid coincidence timestamp type");
-  EXPECT_EQ(messageOf([&] { Coincidences c(&tagger, {}, 100); }), "coincidences groups are empty");
-  EXPECT_EQ(messageOf([&] { Coincidences c(&tagger, {{1, 2}, {}}, 100); }), "one of the groups is empty");
-  EXPECT_EQ(messageOf([&] { Coincidence c(&tagger, {}, 100); }), "one of the groups is empty");
-
   // 64 distinct channels are fine even when they appear in several groups; 65 are not.
   Groups groups(8);
   for (std::int32_t c = 0; c < 64; ++c)

@@ -65,7 +65,6 @@ TEST(FrequencyMultiplier, MultiplierAndFirstInputRules) {
   TestTagger tagger;
   EXPECT_EQ(FrequencyMultiplier(&tagger, 1, 0).getMultiplier(), 1);
   EXPECT_EQ(FrequencyMultiplier(&tagger, 1, -3).getMultiplier(), 1);
-  EXPECT_EQ(tagger.registrations(1), 0);
   FrequencyMultiplier fm(&tagger, 1, 2);
   EXPECT_EQ(tagger.registrations(1), 1);
   BlockRecorder recorder(&tagger);

@@ -15,13 +15,11 @@ TEST(Engine, SteadyStateBlocksAllocateNothingOnWorkers) {
   chronotick::testing::TestTagger tagger(8, chronotick::CT_CHANNEL_NUMBER_SCHEME_ONE, 1);
   probes::Shifter shifter(&tagger, 300);
   std::vector<std::unique_ptr<probes::Recorder>> idle;
-  for (int i = 0; i < 5; ++i) {
+  for (int i = 0; i < 5; ++i)
     idle.push_back(std::make_unique<probes::Recorder>(&tagger, false));
-  }
   std::vector<chronotick::Tag> block;
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 1000; ++i)
     block.push_back(probes::tag(1 + i % 4, i));
-  }
   std::int64_t t = 0;
   auto run = [&](int n) {
     for (int k = 0; k < n; ++k) {

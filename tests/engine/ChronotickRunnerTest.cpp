@@ -1,7 +1,7 @@
 #include "Probes.h"
 #include "support/TestTagger.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <future>
@@ -15,31 +15,20 @@ using chronotick::testing::TestTagger;
 using probes::Recorder;
 using probes::tag;
 
-namespace {
-
-std::vector<Tag> numbered(std::int64_t k) {
-  return {tag(1, k)};
-}
-
-} // namespace
-
 TEST(ChronotickRunner, EveryIteratorSeesEveryBlockOnceAndInOrder) {
   TestTagger tagger(8, chronotick::CT_CHANNEL_NUMBER_SCHEME_ONE, 4);
   std::vector<std::unique_ptr<Recorder>> chain;
-  for (int i = 0; i < 6; ++i) {
+  for (int i = 0; i < 6; ++i)
     chain.push_back(std::make_unique<Recorder>(&tagger));
-  }
   const int n_blocks = 2000;
-  for (int k = 0; k < n_blocks; ++k) {
-    tagger.push(numbered(k), k, k + 1);
-  }
+  for (int k = 0; k < n_blocks; ++k)
+    tagger.push({tag(1, k)}, k, k + 1);
   tagger.waitUntilDone();
   for (auto &c : chain) {
     auto blocks = c->blocks();
     ASSERT_EQ(blocks.size(), static_cast<std::size_t>(n_blocks));
-    for (int k = 0; k < n_blocks; ++k) {
+    for (int k = 0; k < n_blocks; ++k)
       ASSERT_EQ(blocks[static_cast<std::size_t>(k)].tags[0].time, k);
-    }
   }
 }
 
@@ -54,25 +43,21 @@ TEST(ChronotickRunner, IteratorsBuiltAndDestroyedWhileBlocksFlow) {
       std::mt19937 rng(static_cast<unsigned>(c));
       while (go.load()) {
         auto rec = std::make_unique<Recorder>(&tagger);
-        if (rng() % 2) {
+        if (rng() % 2)
           std::this_thread::sleep_for(std::chrono::microseconds(rng() % 2000));
-        }
-        if (rng() % 3 == 0) {
+        if (rng() % 3 == 0)
           rec->clear();
-        }
         rec->stop();
         ++built;
       }
     });
   }
-  for (int k = 0; k < 200; ++k) {
-    tagger.push(numbered(k), tagger.lastEndTime(), tagger.lastEndTime() + 10);
-  }
+  for (int k = 0; k < 200; ++k)
+    tagger.push({tag(1, k)}, tagger.lastEndTime() + 10);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   go = false;
-  for (auto &t : clients) {
+  for (auto &t : clients)
     t.join();
-  }
   tagger.setAutoFeed(false);
   tagger.waitUntilDone();
   EXPECT_GT(built.load(), 10);
@@ -108,13 +93,11 @@ TEST(ChronotickRunner, FencesAndSync) {
   const std::uint32_t f1 = tagger.getFence(true);
   EXPECT_EQ(tagger.getFence(true), f1) << "two quick calls share a fence";
   EXPECT_EQ(tagger.getFence(false), f1);
-  EXPECT_FALSE(tagger.waitForFence(f1, 0));
   EXPECT_FALSE(tagger.waitForFence(f1, 20));
   tagger.pushAndWait({}, 0, 10);
   EXPECT_TRUE(tagger.waitForFence(f1, 0));
   EXPECT_TRUE(tagger.waitForFence(f1, -1));
-  const std::uint32_t f2 = tagger.getFence(true);
-  EXPECT_EQ(f2, f1 + 1);
+  EXPECT_EQ(tagger.getFence(true), f1 + 1);
 
   // sync blocks while delivery stalls and returns once a later block passed.
   auto synced = std::async(std::launch::async, [&] { tagger.sync(); });
@@ -168,9 +151,8 @@ TEST(ChronotickRunner, RunSynchronizedCallsEachCallbackOnceInChainOrder) {
     };
   }
   tagger.runSynchronized(callbacks, true);
-  ASSERT_EQ(order.size(), 2u);
-  EXPECT_EQ(order[0], &a);
-  EXPECT_EQ(order[1], &b);
+  EXPECT_EQ(order, (std::vector<IteratorBase *>{&a, &b}));
+  ASSERT_EQ(captured.size(), 2u);
   EXPECT_EQ(captured[0], captured[1]) << "both callbacks must run during the same pass";
 
   // A throwing callback makes the blocking call raise with the iterator's address.
@@ -178,12 +160,8 @@ TEST(ChronotickRunner, RunSynchronizedCallsEachCallbackOnceInChainOrder) {
   callbacks[&b] = [](IteratorBase *) { throw std::runtime_error("no way"); };
   std::ostringstream expected;
   expected << "IteratorBase " << static_cast<void *>(static_cast<IteratorBase *>(&b)) << ": no way\n";
-  try {
-    tagger.runSynchronized(callbacks, true);
-    ADD_FAILURE() << "runSynchronized did not raise";
-  } catch (const std::runtime_error &e) {
-    EXPECT_EQ(std::string(e.what()), expected.str());
-  }
+  EXPECT_THAT([&] { tagger.runSynchronized(callbacks, true); },
+              ::testing::ThrowsMessage<std::runtime_error>(expected.str()));
   tagger.runSynchronized({}, true); // an empty group returns after the next pass
   tagger.setAutoFeed(false);
 }

@@ -16,9 +16,8 @@ TEST(OrderedBarrier, TicketsFinishInOrderWhateverTheThreadOrder) {
   { OrderedBarrier::OrderInstance unused; }
 
   std::vector<OrderedBarrier::OrderInstance> tickets;
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 0; i < 3; ++i)
     tickets.push_back(barrier.queue());
-  }
   std::mutex m;
   std::vector<int> finished;
   std::vector<std::thread> threads;
@@ -33,9 +32,8 @@ TEST(OrderedBarrier, TicketsFinishInOrderWhateverTheThreadOrder) {
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  for (auto &t : threads) {
+  for (auto &t : threads)
     t.join();
-  }
   EXPECT_EQ(finished, (std::vector<int>{0, 1, 2}));
   barrier.waitUntilFinished();
 
@@ -79,14 +77,12 @@ protected:
 TEST(OrderedBarrier, ParallelStagesKeepBlockOrderAndStopWaitsForThem) {
   chronotick::testing::TestTagger tagger(8, chronotick::CT_CHANNEL_NUMBER_SCHEME_ONE, 2);
   ParallelStages stages(&tagger);
+  std::vector<std::int64_t> expected;
   for (int k = 0; k < 200; ++k) {
     tagger.push({Tag{Tag::Type::TimeTag, 0, 0, 1, k}}, k, k + 1);
+    expected.push_back(k);
   }
   tagger.waitUntilDone();
   stages.stop();
-  auto guard = std::vector<std::int64_t>(stages.order);
-  ASSERT_EQ(guard.size(), 200u);
-  for (std::size_t k = 0; k < guard.size(); ++k) {
-    EXPECT_EQ(guard[k], static_cast<std::int64_t>(k));
-  }
+  EXPECT_EQ(stages.order, expected);
 }

@@ -38,9 +38,8 @@ protected:
     out.clear();
     for (const Tag &t : tags) {
       out.push_back(t);
-      if (t.type == Tag::Type::TimeTag && t.channel != output) {
+      if (t.type == Tag::Type::TimeTag && t.channel != output)
         out.push_back(tag(output, t.time));
-      }
     }
     tags.swap(out);
     return true;

@@ -3,9 +3,6 @@
 
 #include "support/MeasurementHelpers.h"
 
-#include <chrono>
-#include <thread>
-
 using namespace chronotick;
 using namespace chronotick::testing;
 
@@ -41,15 +38,6 @@ protected:
   std::vector<std::pair<std::int64_t, std::int64_t>> seen;
   int n_clears = 0;
 };
-
-template <class F> bool eventually(F condition) {
-  for (int i = 0; i < 5000; ++i) {
-    if (condition())
-      return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
-}
 
 } // namespace
 

@@ -111,19 +111,8 @@ TEST(TimeDifferencesNDTest, MatchesPairEnumerationInSeveralBinningModes) {
   EXPECT_GE(modes.size(), 4u);
 }
 
-TEST(TimeDifferencesNDTest, ArgumentsAndPositions) {
+TEST(TimeDifferencesNDTest, Positions) {
   TestTagger tagger;
-  using C = std::vector<std::int32_t>;
-  auto make = [&](C next, C sync, C n_hist, std::int64_t bw, std::uint64_t n_bins) {
-    return messageOf([&] { TimeDifferencesND(&tagger, 1, 2, next, sync, n_hist, bw, n_bins); });
-  };
-  const std::string mismatch = "dimension mismatch of input arguments";
-  EXPECT_EQ(make({3, 4}, {5}, {2, 2}, 10, 10), mismatch);
-  EXPECT_EQ(make({3, 4}, {}, {2}, 10, 10), mismatch);
-  EXPECT_EQ(make({3}, {}, {2}, 0, 10), "binwidth must be at least 1 ps");
-  EXPECT_EQ(make({3}, {}, {2}, 10, 0), "n_bins must be at least 1");
-  EXPECT_EQ(make({3, 4}, {}, {2, 0}, 10, 10), "all elements of n_histograms must be at least 1");
-  EXPECT_EQ(tagger.registrations(1), 0); // nothing registered by a failed construction
 
   // No dimension at all: one histogram that is never selected; an unused
   // start channel takes no starts.

@@ -19,17 +19,7 @@ namespace chronotick {
 namespace {
 
 using namespace std::chrono_literals;
-
-// Polls `done` until it holds; the limit only keeps a broken build from hanging.
-template <typename F> bool eventually(F done) {
-  const auto deadline = std::chrono::steady_clock::now() + 30s;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline)
-      return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using testing::eventually;
 
 TEST(Lifecycle, FreeingATaggerWakesItsWaiters) {
   testing::TempDir dir;

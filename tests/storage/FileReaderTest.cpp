@@ -3,7 +3,7 @@
 #include "support/LogCapture.h"
 #include "support/TagFiles.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <filesystem>
 
@@ -102,18 +102,12 @@ TEST(FileReader, GetDataColumns) {
 
 TEST(FileReader, BadInput) {
   TempDir dir;
-  auto message = [](const std::vector<std::string> &names) -> std::string {
-    try {
-      FileReader reader(names);
-    } catch (const std::runtime_error &e) {
-      return e.what();
-    }
-    return "accepted";
+  auto refused = [](const std::vector<std::string> &names, const std::string &message) {
+    EXPECT_THAT([&] { FileReader reader(names); }, ::testing::ThrowsMessage<std::runtime_error>(message));
   };
   writeRecording(dir / "real", {1, 2, 3, 4}, {});
-  EXPECT_EQ(message({}), "no file provided");
-  EXPECT_EQ(message({dir / "real", dir / "missing"}),
-            "FileReader could not open file '" + (dir / "missing.ctbin") + "'.");
+  refused({}, "no file provided");
+  refused({dir / "real", dir / "missing"}, "FileReader could not open file '" + (dir / "missing.ctbin") + "'.");
   // A recording with no time tags at all passes without a word.
   LogCapture capture;
   {

@@ -45,8 +45,11 @@ ReadResult readAll(const std::string &name, bool check_signature = true) {
   return result;
 }
 
-bool endsWith(const std::string &m, const std::string &text) {
-  return m.size() >= text.size() && m.compare(m.size() - text.size(), text.size(), text) == 0;
+// The log holds exactly `messages`, in order (each after its file and line).
+void expectLog(const std::vector<std::string> &log, const std::vector<std::string> &messages) {
+  ASSERT_EQ(log.size(), messages.size());
+  for (std::size_t i = 0; i < messages.size(); ++i)
+    EXPECT_TRUE(log[i].ends_with(messages[i])) << log[i];
 }
 
 } // namespace
@@ -153,9 +156,7 @@ TEST(TagFileFormat, ReaderMessages) {
     writeFile(name, b.bytes);
     const ReadResult result = readAll(name);
     EXPECT_EQ(result.blocks.size(), blocks);
-    ASSERT_EQ(result.log.size(), messages.size());
-    for (std::size_t i = 0; i < messages.size(); ++i)
-      EXPECT_TRUE(endsWith(result.log[i], messages[i])) << result.log[i];
+    expectLog(result.log, messages);
   };
   auto file = [] { return Builder().header(); };
   check("good", file().timeTags(0, 10, w).timeTags(10, 20, w).end(), 2, {});
@@ -259,9 +260,7 @@ TEST(TagFileFormat, SizeFieldsThatTheFileCantHoldAllocateNothing) {
     const allocation::Usage usage = allocation::usage();
     allocation::stopMeasuring();
     EXPECT_TRUE(result.blocks.empty());
-    ASSERT_EQ(result.log.size(), c.messages.size());
-    for (std::size_t i = 0; i < c.messages.size(); ++i)
-      EXPECT_TRUE(endsWith(result.log[i], c.messages[i])) << result.log[i];
+    expectLog(result.log, c.messages);
     EXPECT_LT(usage.largest, std::size_t(2) << 20) << "the stream buffer is the largest thing a reader needs";
   }
 
@@ -355,7 +354,5 @@ TEST(TagFileFormat, WriterLayoutAndCutRecordings) {
   writeFile(cut_name, full.substr(0, full.size() - 16));
   const ReadResult killed = readAll(cut_name);
   EXPECT_EQ(killed.blocks.size(), 3u);
-  ASSERT_EQ(killed.log.size(), 2u);
-  EXPECT_TRUE(endsWith(killed.log[0], "File access failed"));
-  EXPECT_TRUE(endsWith(killed.log[1], "Incorrect Header"));
+  expectLog(killed.log, {"File access failed", "Incorrect Header"});
 }

@@ -32,9 +32,8 @@ public:
   }
   std::vector<std::string> messages() {
     std::vector<std::string> texts;
-    for (auto &e : entries()) {
+    for (auto &e : entries())
       texts.push_back(e.text);
-    }
     return texts;
   }
   void clear() {
@@ -45,13 +44,8 @@ public:
   // at `level` unless it is 0.
   int count(const std::string &text, int level = 0) {
     int n = 0;
-    for (const Entry &e : entries()) {
-      const std::string &m = e.text;
-      if ((level == 0 || e.level == level) && m.size() >= text.size() &&
-          m.compare(m.size() - text.size(), text.size(), text) == 0) {
-        ++n;
-      }
-    }
+    for (const Entry &e : entries())
+      n += (level == 0 || e.level == level) && e.text.ends_with(text);
     return n;
   }
 

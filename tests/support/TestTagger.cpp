@@ -12,9 +12,8 @@
 namespace chronotick::testing {
 
 TestTagger::TestTagger(int inputs, int scheme_, unsigned workers) : n_inputs(inputs), channel_scheme(scheme_) {
-  if (scheme_ != CT_CHANNEL_NUMBER_SCHEME_ZERO && scheme_ != CT_CHANNEL_NUMBER_SCHEME_ONE) {
+  if (scheme_ != CT_CHANNEL_NUMBER_SCHEME_ZERO && scheme_ != CT_CHANNEL_NUMBER_SCHEME_ONE)
     throw std::invalid_argument("TestTagger needs the ZERO or the ONE scheme");
-  }
   spare.reserve(64);
   startWorkers(workers);
 }
@@ -72,9 +71,8 @@ void TestTagger::pushCut(const std::vector<Tag> &tags, const std::vector<std::si
   std::int64_t block_begin = begin_time;
   for (std::size_t cut : cuts) {
     cut = std::min(cut, tags.size());
-    if (cut < from) {
+    if (cut < from)
       continue;
-    }
     const std::int64_t block_end = cut < tags.size() ? tags[cut].time : end_time;
     push(std::vector<Tag>(tags.begin() + static_cast<std::ptrdiff_t>(from),
                           tags.begin() + static_cast<std::ptrdiff_t>(cut)),
@@ -97,11 +95,6 @@ void TestTagger::setAutoFeed(bool on, std::int64_t span) {
 std::int64_t TestTagger::lastEndTime() {
   std::lock_guard<std::mutex> guard(queue_mutex);
   return last_end;
-}
-
-std::uint64_t TestTagger::blocksDone() {
-  std::lock_guard<std::mutex> guard(queue_mutex);
-  return completed;
 }
 
 ChronotickRunner::ReadResult TestTagger::readBlock(Worker &worker, std::unique_lock<std::mutex> &lock,
@@ -132,16 +125,14 @@ ChronotickRunner::ReadResult TestTagger::readBlock(Worker &worker, std::unique_l
     Block &block = queue.front();
     // Swapped only when that doesn't shrink the worker's vector, so that once
     // warm the workers allocate nothing, as with a real source; else copied.
-    if (block.tags.capacity() >= worker.tags.capacity()) {
+    if (block.tags.capacity() >= worker.tags.capacity())
       worker.tags.swap(block.tags);
-    } else {
+    else
       worker.tags.assign(block.tags.begin(), block.tags.end());
-    }
     worker.begin_time = block.begin_time;
     worker.end_time = block.end_time;
-    if (block.tags.capacity() != 0 && spare.size() < 64) {
+    if (block.tags.capacity() != 0 && spare.size() < 64)
       spare.push_back(std::move(block.tags));
-    }
     queue.pop_front();
     worker.sequence = ++handed;
   }
@@ -160,23 +151,16 @@ void TestTagger::blockDone(const Worker &worker) {
 }
 
 bool TestTagger::isPhysical(std::int32_t channel) const {
-  if (channel_scheme == CT_CHANNEL_NUMBER_SCHEME_ONE) {
+  if (channel_scheme == CT_CHANNEL_NUMBER_SCHEME_ONE)
     return channel != 0 && channel >= -n_inputs && channel <= n_inputs;
-  }
   return channel >= 0 && channel < 2 * n_inputs;
 }
 
-std::int32_t TestTagger::risingChannel(int input) const {
-  return channel_scheme == CT_CHANNEL_NUMBER_SCHEME_ONE ? input + 1 : input;
-}
-
 std::int32_t TestTagger::getInvertedChannel(std::int32_t channel) {
-  if (!isPhysical(channel)) {
+  if (!isPhysical(channel))
     return CHANNEL_UNUSED;
-  }
-  if (channel_scheme == CT_CHANNEL_NUMBER_SCHEME_ONE) {
+  if (channel_scheme == CT_CHANNEL_NUMBER_SCHEME_ONE)
     return -channel;
-  }
   return channel < n_inputs ? channel + n_inputs : channel - n_inputs;
 }
 
@@ -196,51 +180,42 @@ template <class V> V valueOr(const std::map<std::int32_t, V> &values, std::int32
 }
 } // namespace
 
+// Settings are only stored: the test source applies none of them.
 void TestTagger::setInputDelay(std::int32_t channel, std::int64_t delay) {
   std::lock_guard<std::mutex> guard(config_mutex);
   delays[channel] = delay;
 }
-
 std::int64_t TestTagger::getInputDelay(std::int32_t channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
   return valueOr<std::int64_t>(delays, channel, 0);
 }
-
 std::int64_t TestTagger::setDeadtime(std::int32_t channel, std::int64_t deadtime) {
   std::lock_guard<std::mutex> guard(config_mutex);
   return deadtimes[channel] = deadtime;
 }
-
 std::int64_t TestTagger::getDeadtime(std::int32_t channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
   return valueOr<std::int64_t>(deadtimes, channel, 0);
 }
-
 void TestTagger::setTestSignal(std::vector<std::int32_t> channels, bool enable) {
   for (std::int32_t channel : channels)
     setTestSignal(channel, enable);
 }
-
 void TestTagger::setTestSignal(std::int32_t channel, bool enable) {
   std::lock_guard<std::mutex> guard(config_mutex);
   test_signals[channel] = enable;
 }
-
 bool TestTagger::getTestSignal(std::int32_t channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
   return valueOr(test_signals, channel, false);
 }
-
 std::int64_t TestTagger::getOverflows() {
   std::lock_guard<std::mutex> guard(config_mutex);
   return overflows;
 }
-
 void TestTagger::clearOverflows() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  overflows = 0;
+  getOverflowsAndClear();
 }
-
 std::int64_t TestTagger::getOverflowsAndClear() {
   std::lock_guard<std::mutex> guard(config_mutex);
   return std::exchange(overflows, 0);
@@ -264,14 +239,12 @@ void TestTagger::unregisterChannel(std::int32_t channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
   auto it = registered.find(channel);
   if (it == registered.end()) {
-    if (!isPhysical(channel) && !(channel >= 1 && channel < next_virtual)) {
+    if (!isPhysical(channel) && !(channel >= 1 && channel < next_virtual))
       CT_WARNING("Tried to unregister an unknown channel");
-    }
     return;
   }
-  if (--it->second == 0) {
+  if (--it->second == 0)
     registered.erase(it);
-  }
 }
 
 int TestTagger::registrations(std::int32_t channel) {
@@ -283,9 +256,8 @@ std::vector<std::size_t> randomCuts(std::size_t n_tags, std::size_t n_cuts, std:
   std::mt19937_64 rng(seed);
   std::uniform_int_distribution<std::size_t> pick(0, n_tags);
   std::vector<std::size_t> cuts(n_cuts);
-  for (auto &cut : cuts) {
+  for (auto &cut : cuts)
     cut = pick(rng);
-  }
   std::sort(cuts.begin(), cuts.end());
   return cuts;
 }

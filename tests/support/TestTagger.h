@@ -8,11 +8,13 @@
 
 #include "engine/ChronotickRunner.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace chronotick::testing {
@@ -54,15 +56,9 @@ public:
 
   // End time of the last block queued.
   std::int64_t lastEndTime();
-  // Number of blocks that have passed the chain.
-  std::uint64_t blocksDone();
 
   // How often a channel is registered now (0 if not at all).
   int registrations(std::int32_t channel);
-  int inputCount() const { return n_inputs; }
-  int scheme() const { return channel_scheme; }
-  // Channel number of the rising edge of input i (from 0).
-  std::int32_t risingChannel(int input) const;
 
   using ChronotickRunner::setFenceCountersForTesting;
 
@@ -117,5 +113,16 @@ private:
 
 // Random helpers for reference checks.
 std::vector<std::size_t> randomCuts(std::size_t n_tags, std::size_t n_cuts, std::uint64_t seed);
+
+// Polls `done` until it holds; the limit only keeps a broken build from hanging.
+template <typename F> bool eventually(F done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline)
+      return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
 
 } // namespace chronotick::testing
